@@ -11,6 +11,7 @@ namespace Vex {
 constexpr int EOK = 0;
 constexpr int ERANGE_AND_RESET = 162;
 constexpr int EINVAL_AND_RESET = 150;
+constexpr int EOVERLAP_AND_RESET = 182;
 
 int BoundedCopy(void* dest, size_t destMax, const void* src, size_t count);
 

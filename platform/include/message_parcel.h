@@ -8,8 +8,9 @@
 //     the parcel keeps its own duplicate (closed with the parcel), and ReadFileDescriptor
 //     returns a fresh duplicate owned by the caller;
 //   - RawData: Int32 size, Int32 placement (0 inline, 1 out of line); inline data follows
-//     padded to 4 bytes, out-of-line data lives in one separate buffer (no inline copy).
-//     Data above RAW_DATA_INLINE_LIMIT bytes goes out of line.
+//     padded to 4 bytes; out of line, an Int32 index into the out-of-line table follows and
+//     the bytes live in one separate buffer there (no inline copy). Data above
+//     RAW_DATA_INLINE_LIMIT bytes goes out of line.
 // Thread-safety: none; a parcel belongs to one thread at a time.
 #pragma once
 

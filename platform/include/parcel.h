@@ -33,6 +33,9 @@ public:
 
 class Parcel {
 public:
+    // Default limit of the byte stream; large payloads travel as MessageParcel raw data.
+    static constexpr size_t DEFAULT_MAX_CAPACITY = 256 * 1024 * 1024;
+
     Parcel();
     virtual ~Parcel();
     Parcel(const Parcel&) = delete;
