@@ -26,6 +26,8 @@ constexpr int32_t HOST_ERR_NO_SESSION = 1002;
 constexpr int32_t HOST_ERR_SEND_FAILED = 461374453;
 constexpr int32_t HOST_ERR_LOAD_FAILED = 1011;
 constexpr int32_t HOST_ERR_NO_DEVICE = 1013;
+// The launcher could not start the ability.
+constexpr int32_t HOST_ERR_START_ABILITY = 1014;
 
 // The framework's system service, which serves applications and the connection manager.
 constexpr int32_t TANDRA_SA_ID = 70633;

@@ -27,6 +27,8 @@ public:
 
     // Delivery, used by the session layer.
     void NotifyDataReceived(const std::string& key, const char* data, uint32_t len);
+    // A data-channel message whose control session is unknown: keyed by the channel id.
+    void NotifyDataReceived(int32_t channelId, const char* data, uint32_t len);
     void NotifyCtrlChannelShutDown(const std::string& key);
     void NotifyWiFiShutDown();
     std::vector<std::shared_ptr<EventListener>> GetListeners();
