@@ -1,0 +1,88 @@
+// The plugin's listener on the host's session layer: turns the host's session key into the
+// collaboration id and hands messages and link losses to the camera ability process.
+#include "camera_ability_listener.h"
+
+#include <cstring>
+
+#include "camera_ability_process.h"
+#include "listener_manager.h"
+#include "vex_log_tags.h"
+
+namespace QUEX {
+namespace Tandra {
+
+void CameraAbilityProcessListener::OnDataReceived(const std::string& key, const char* data, uint32_t len,
+                                                  uint32_t /* reserved */)
+{
+    TNDR_SERVICE_LOGI("on data recv");
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    if (process == nullptr) {
+        TNDR_SERVICE_LOGE("ability not support yet");
+        return;
+    }
+    std::shared_ptr<ListenerManager> manager = ListenerManager::GetInstance();
+    if (manager == nullptr) {
+        TNDR_SERVICE_LOGE("FetchCollaborationId fail");
+        return;
+    }
+    auto [result, collaborationId] = manager->FetchCollaborationId(key);
+    if (result != 0) {
+        TNDR_SERVICE_LOGE("FetchCollaborationId fail");
+        return;
+    }
+    process->OnDataReceived(collaborationId, data, len);
+}
+
+void CameraAbilityProcessListener::OnDataReceived(int32_t id, const char* data, uint32_t len,
+                                                  uint32_t /* reserved */)
+{
+    // Messages are only ever delivered by session key; one arriving by bare id is logged and
+    // dropped.
+    if (data != nullptr && len >= CAMERA_MSG_HEADER_LEN) {
+        uint32_t code = 0;
+        std::memcpy(&code, data, sizeof(code));
+        TNDR_SERVICE_LOGE("CameraMsgHeader, id %{public}d, code: %{public}d", id, code);
+    } else {
+        TNDR_SERVICE_LOGE("data is invalid");
+    }
+}
+
+void CameraAbilityProcessListener::OnCtrlChannelShutDown(const std::string& key)
+{
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    if (process != nullptr) {
+        process->ProcessCtrlChannelShutDown(key);
+    }
+}
+
+void CameraAbilityProcessListener::OnWiFiShutDown()
+{
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    if (process != nullptr) {
+        process->ProcessWifiShutDown();
+    }
+}
+
+bool CameraAbilityProcessListener::IsIdExist(const std::string& key)
+{
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    if (process == nullptr) {
+        return false;
+    }
+    std::shared_ptr<ListenerManager> manager = ListenerManager::GetInstance();
+    if (manager == nullptr) {
+        return false;
+    }
+    // The key's form is the host's, so the host reads the id back out of it.
+    auto [result, collaborationId] = manager->FetchCollaborationId(key);
+    return result == 0 && process->QueryCollaborationId(collaborationId);
+}
+
+bool CameraAbilityProcessListener::IsIdExist(int32_t id)
+{
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    return process != nullptr && process->QueryCollaborationId(static_cast<uint32_t>(id));
+}
+
+}  // namespace Tandra
+}  // namespace QUEX
