@@ -1,0 +1,139 @@
+// The requesting side's timed waits for the peer (keyed by collaboration and wait code), and
+// the translation of failure codes into what the application's UI is told.
+#include <cinttypes>
+#include <cstdio>
+
+#include "camera_ability_process.h"
+#include "tandra_dfx.h"
+#include "vex_log_tags.h"
+
+namespace QUEX {
+namespace Tandra {
+using namespace Vex;
+
+namespace {
+constexpr int32_t ERR_GENERAL = 1001;
+constexpr uint32_t ERR_PEER_NO_ANSWER = 2012;
+constexpr uint32_t ERR_DATA_TIMEOUT = 2010;
+constexpr uint32_t ERR_BUSY = 2005;
+constexpr uint32_t ERR_REMOTE_REFUSED = 3867803653U;
+
+constexpr uint32_t UI_PEER_UNAVAILABLE = 1001202004;
+constexpr uint32_t UI_NO_ANSWER = 1001202008;
+constexpr uint32_t UI_TRANSFER_FAILED = 1001202009;
+constexpr uint32_t UI_WIFI_OFF = 1001202005;
+constexpr uint32_t UI_LINK_LOST = 1001202011;
+constexpr uint32_t UI_GENERAL = 1001202002;
+
+const char* const ERROR_MESSAGE = "errorcode";
+}  // namespace
+
+std::string CameraAbilityProcess::PendingKey(uint32_t collaborationId, uint32_t code)
+{
+    char key[32] = {0};
+    (void)std::snprintf(key, sizeof(key), "%011" PRIu32 "%011" PRIu32, collaborationId, code);
+    return std::string(key);
+}
+
+std::shared_ptr<Pending<int32_t>> CameraAbilityProcess::ObtainImagePending(uint32_t collaborationId, uint32_t code)
+{
+    TNDR_SERVICE_LOGI("enter");
+    const std::string key = PendingKey(collaborationId, code);
+    std::unique_lock<std::shared_mutex> lock(pendingMutex_);
+    const auto it = pendingWaits_.find(key);
+    if (it != pendingWaits_.end()) {
+        TNDR_SERVICE_LOGI("pending exist");
+        return it->second;
+    }
+    auto pending = std::make_shared<Pending<int32_t>>();
+    pendingWaits_.emplace(key, pending);
+    TNDR_SERVICE_LOGI("pending not exist");
+    return pending;
+}
+
+std::shared_ptr<Pending<int32_t>> CameraAbilityProcess::EraseImagePending(const std::string& key)
+{
+    std::unique_lock<std::shared_mutex> lock(pendingMutex_);
+    const auto it = pendingWaits_.find(key);
+    if (it == pendingWaits_.end()) {
+        TNDR_SERVICE_LOGI("pending not exist");
+        return nullptr;
+    }
+    std::shared_ptr<Pending<int32_t>> pending = std::move(it->second);
+    pendingWaits_.erase(it);
+    return pending;
+}
+
+bool CameraAbilityProcess::SetTimeoutContext(uint32_t collaborationId, uint32_t code)
+{
+    TNDR_SERVICE_LOGI("enter, code is %{public}d", code);
+    std::shared_ptr<Pending<int32_t>> pending = EraseImagePending(PendingKey(collaborationId, code));
+    if (pending == nullptr) {
+        TNDR_SERVICE_LOGE("find timeoutWaitContext failed");
+        return false;
+    }
+    pending->Stop();
+    return true;
+}
+
+void CameraAbilityProcess::ReleaseTimeoutLock(uint32_t collaborationId, const std::list<uint32_t>& codes)
+{
+    for (const uint32_t code : codes) {
+        const bool found = SetTimeoutContext(collaborationId, code);
+        TNDR_SERVICE_LOGI("result = %{public}d, code = %{public}d.", found ? 1 : 0, code);
+    }
+}
+
+int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds)
+{
+    TNDR_SERVICE_LOGI("enter, TIME_OUT code is %{public}d", code);
+    std::shared_ptr<Pending<int32_t>> pending = ObtainImagePending(collaborationId, code);
+    if (pending == nullptr) {
+        TNDR_SERVICE_LOGE("pending is null");
+        ProcessPhotoEventCommand(ERR_GENERAL, collaborationId, ERROR_MESSAGE);
+        return ERR_GENERAL;
+    }
+    const int32_t status = pending->Start(static_cast<int32_t>(seconds)).first;
+    if (status == ERR_GENERAL) {
+        ProcessPhotoEventCommand(ERR_GENERAL, collaborationId, ERROR_MESSAGE);
+    } else if (status == PENDING_TIMEOUT && code == CODE_PHOTO_COUNT) {
+        ProcessPhotoEventCommand(ERR_PEER_NO_ANSWER, collaborationId, ERROR_MESSAGE);
+        DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
+                              DFX::StageRes::CANCEL, 0, DFX::BizState::END);
+    } else if (status == PENDING_TIMEOUT && code == CODE_LAST_PHOTO) {
+        ProcessPhotoEventCommand(ERR_DATA_TIMEOUT, collaborationId, ERROR_MESSAGE);
+    }
+    // The record stays registered: only SetTimeoutContext removes it.
+    return status;
+}
+
+uint32_t CameraAbilityProcess::GetErrorCode(uint32_t status, uint32_t code)
+{
+    TNDR_CALLBACK_LOGI("Notify UI error code is %{public}d", code);
+    switch (code) {
+        case ERR_BUSY:
+        case CODE_PEER_WIFI_OFF:
+            return UI_PEER_UNAVAILABLE;
+        case ERR_PEER_NO_ANSWER:
+            return UI_NO_ANSWER;
+        case CODE_PHOTO_FAILED:
+            return UI_TRANSFER_FAILED;
+        case CODE_LOCAL_WIFI_SHUTDOWN:
+            return UI_WIFI_OFF;
+        case CODE_LOCAL_CTRL_SHUTDOWN:
+        case ERR_REMOTE_REFUSED:
+            return UI_LINK_LOST;
+        default:
+            // Photos were already arriving: the transfer broke off.
+            return status == CameraProcessState::STATUS_RECEIVING ? UI_TRANSFER_FAILED : UI_GENERAL;
+    }
+}
+
+void CameraAbilityProcess::Releaselock()
+{
+    std::lock_guard<std::mutex> lock(dataChannelMutex_);
+    dataChannelCond_.notify_one();
+}
+
+}  // namespace Tandra
+}  // namespace QUEX
