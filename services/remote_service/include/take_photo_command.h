@@ -5,9 +5,12 @@
 // connection manager that the service is free.
 // Thread-safety: the host calls Execute and Release; connection-manager callbacks arrive on IPC
 // threads and touch only the conflict and apply state, each behind its own mutex. The
-// callbacks hold a plain pointer, so the command outlives its subscriptions (Release ends them).
+// callbacks hold a plain pointer, so the command outlives its subscriptions (Release ends them)
+// and cuts the callbacks' link when it goes; a channel opening in flight keeps the command
+// alive when the command is owned by a shared pointer (as the host owns it).
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -18,12 +21,17 @@
 #include "ability_records.h"
 #include "command.h"
 #include "put_photo_context.h"
+#include "refbase.h"
 #include "session_attribute.h"
 
 namespace QUEX {
 namespace Tandra {
 
-class TakePhotoCommand : public Command {
+class ServiceStateChangedCallback;
+class CmdDisConnectCallback;
+class CmdApplyResultCallback;
+
+class TakePhotoCommand : public Command, public std::enable_shared_from_this<TakePhotoCommand> {
 public:
     explicit TakePhotoCommand(std::shared_ptr<StartAbilityParam> startAbilityParam);
     ~TakePhotoCommand() override;
@@ -49,9 +57,20 @@ public:
     std::shared_ptr<StartAbilityParam> GetStartAbilityParam() const { return startAbilityParam_; }
 
 private:
+    static constexpr int32_t ERR_WIFI_OFF = 2005;
+    static constexpr int32_t ERR_CONTEXT_REFUSED = 2008;
+    static constexpr int32_t ERR_CHANNEL_NOT_RECORDED = 2009;
+    static constexpr int32_t ERR_WAIT_TIMEOUT = 2010;
+    static constexpr int32_t ERR_CAMERA_CLOSED = 2011;
+    static constexpr int32_t ERR_NO_TASK = 22;
+    static constexpr int32_t ERR_NO_PROCESS = 32;
+    static constexpr int32_t ERR_ATTR_COPY = 1401;
+    static constexpr int32_t ERR_APPLY_REFUSED = 320003;
+
     std::shared_ptr<StartAbilityParam> startAbilityParam_;
     int32_t reserved_ = 0;
-    int softBusSessionId_ = 0;
+    // Written by the channel opening on a pool worker, read by Release on a host thread.
+    std::atomic<int> softBusSessionId_{0};
     int collaborationSessionId_ = 0;
     std::string dataType_ = "DATA_TYPE_BYTES";
     std::string serviceName_ = "Tandra";
@@ -63,6 +82,13 @@ private:
     std::mutex applyMutex_;
     std::condition_variable applyCond_;
     int32_t applyResult_ = 0;
+    // Orders the channel opening's camera-status check and its storing of the session id
+    // against Release, so that a channel opened while the camera closes is closed by one side.
+    std::mutex channelMutex_;
+    // The callbacks handed to the connection manager, detached when the command goes.
+    Vex::sptr<ServiceStateChangedCallback> serviceStateCallback_;
+    Vex::sptr<CmdDisConnectCallback> disconnectCallback_;
+    Vex::sptr<CmdApplyResultCallback> applyResultCallback_;
 };
 
 }  // namespace Tandra
