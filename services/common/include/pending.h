@@ -1,7 +1,8 @@
 // Pending<T>: a timed wait for an answer that may never come. Start(seconds) blocks until
 // Stop() hands over a value (status 0) or the timeout passes (status 2010); Refresh(seconds)
 // grants a whole new period from the moment it is called. Time is the platform clock's, so
-// tests can scale or simulate it.
+// tests can scale or simulate it; a wake-up that is neither a stop nor a refresh (spurious, or
+// the simulated clock moving) keeps the deadline.
 // Thread-safety: one thread waits in Start at a time; Stop and Refresh may come from any
 // thread and wake every waiter.
 #pragma once
@@ -33,6 +34,8 @@ public:
         TNDR_SERVICE_LOGI("enter, time:%{public}d", seconds);
         std::unique_lock<std::mutex> lock(mutex_);
         timeout_ = seconds;
+        auto begin = Vex::Clock::Now();
+        uint64_t seenRefreshes = refreshes_;
         while (true) {
             if (stopped_) {
                 TNDR_SERVICE_LOGI("wait stop");
@@ -42,12 +45,15 @@ public:
                 TNDR_SERVICE_LOGI("wait timeout");
                 return {PENDING_TIMEOUT, value_};
             }
-            // Every wake-up that is neither a stop nor a time-out restarts a whole period, so
-            // that each Refresh grants the full new timeout.
-            const auto begin = Vex::Clock::Now();
+            // A Refresh restarts the whole period from the moment it was called, however late
+            // this thread gets to run; any other wake-up keeps the deadline it had.
+            if (refreshes_ != seenRefreshes) {
+                seenRefreshes = refreshes_;
+                begin = refreshedAt_;
+            }
             const auto period = std::chrono::seconds(timeout_);
             Vex::Clock::WaitUntil(cond_, lock, begin + period);
-            if (!stopped_ && Vex::Clock::Now() - begin >= period) {
+            if (!stopped_ && refreshes_ == seenRefreshes && Vex::Clock::Now() - begin >= period) {
                 TNDR_SERVICE_LOGI("wait timeout");
                 return {PENDING_TIMEOUT, value_};
             }
@@ -68,6 +74,8 @@ public:
         TNDR_SERVICE_LOGI("enter, time = %{public}u", seconds);
         std::lock_guard<std::mutex> lock(mutex_);
         timeout_ = static_cast<int32_t>(seconds);
+        refreshedAt_ = Vex::Clock::Now();
+        ++refreshes_;
         cond_.notify_all();
     }
 
@@ -77,6 +85,8 @@ private:
     int32_t timeout_ = 0;
     T value_ = T();
     bool stopped_ = false;
+    uint64_t refreshes_ = 0;
+    Vex::Clock::TimePoint refreshedAt_{};
 };
 
 }  // namespace Tandra
