@@ -12,6 +12,7 @@
 
 #include "command.h"
 #include "host_types.h"
+#include "iremote_object.h"  // message_parcel.h uses sptr<IRemoteObject> inline
 #include "message_option.h"
 #include "message_parcel.h"
 

@@ -35,17 +35,17 @@ constexpr std::chrono::milliseconds DEFAULT_AWAIT = std::chrono::milliseconds(50
 
 // A control session, opened by the device (OpenCtrlSession) or by the peer (OpenSessionToDevice).
 struct SessionRecord {
-    int32_t sessionId = -1;       // -1 when the open failed
+    int32_t sessionId = -1;  // -1 when the open failed
     std::string peerNetworkId;
     std::string sessionName;
     std::string commandText;
     bool openedByPeer = false;
-    int32_t openResult = 0;       // the open's result, once known
-    bool openDone = false;        // the open has completed
+    int32_t openResult = 0;  // the open's result, once known
+    bool openDone = false;   // the open has completed
 };
 
 struct ChannelRecord {
-    int32_t channelId = -1;       // -1 when the open failed
+    int32_t channelId = -1;  // -1 when the open failed
     std::string peerDeviceId;
     SessionAttribute attr{};
     int32_t openResult = 0;
@@ -54,8 +54,8 @@ struct ChannelRecord {
 // One message the device sent.
 struct SentMessage {
     bool onDataChannel = false;
-    int32_t channelId = -1;       // data channel, or -1 for a control-session message
-    int32_t sessionId = -1;       // the control session (for data messages: the one named)
+    int32_t channelId = -1;  // data channel, or -1 for a control-session message
+    int32_t sessionId = -1;  // the control session (for data messages: the one named)
     uint32_t type = 0;
     bool isFirst = false;
     std::string bytes;
@@ -63,13 +63,17 @@ struct SentMessage {
 
 struct CloseRecord {
     int32_t id = -1;
-    bool notifyPeer = false;      // control sessions only
+    bool notifyPeer = false;  // control sessions only
 };
 
 class ScriptedPeer : public SoftBus {
 public:
     ScriptedPeer();
     ~ScriptedPeer() override;
+
+    // Stops the peer's threads (waiting for deliveries in progress); later injections are
+    // dropped and held opens fail. Call it from a test thread, not from a listener.
+    void Shutdown();
 
     // ---- SoftBus: what the device calls (recorded) ----
     void SetListener(SoftBusListener* listener) override;
@@ -95,11 +99,11 @@ public:
     void ReleaseSessionOpens();
 
     // ---- What the device did ----
-    std::vector<SessionRecord> Sessions() const;             // every open attempt, in order
+    std::vector<SessionRecord> Sessions() const;  // every open attempt, in order
     std::vector<SessionRecord> SessionsOpenedByDevice() const;
-    std::vector<ChannelRecord> Channels() const;             // every open attempt, in order
-    std::vector<SentMessage> Sent() const;                   // every message, in send order
-    std::vector<SentMessage> SentOnSession(int32_t sessionId) const;   // control messages only
+    std::vector<ChannelRecord> Channels() const;                      // every open attempt, in order
+    std::vector<SentMessage> Sent() const;                            // every message, in send order
+    std::vector<SentMessage> SentOnSession(int32_t sessionId) const;  // control messages only
     std::vector<SentMessage> SentOnChannel(int32_t channelId) const;
     // Data messages that name the control session, on any channel.
     std::vector<SentMessage> SentOnDataChannelsFor(int32_t ctrlSessionId) const;
@@ -140,7 +144,8 @@ public:
     // Closes a control session as the peer would (the device's host releases its commands and
     // tells its listeners OnCtrlChannelShutDown).
     uint64_t CloseSession(int32_t sessionId);
-    // The link to a peer drops (empty: every peer): all its sessions and channels end.
+    // The link to a peer drops (empty: every peer): all its sessions end (the device's host is
+    // told of each) and the data channels the device opened to that id close.
     uint64_t DropLink(const std::string& peerNetworkId = "");
 
     bool AwaitDelivered(uint64_t ticket, std::chrono::milliseconds timeout = DEFAULT_AWAIT);
@@ -156,7 +161,7 @@ private:
         ChannelRecord record;
         bool open = false;
     };
-    using Job = std::function<void(SoftBusListener*)>;
+    using Job = std::function<void()>;
 
     uint64_t Enqueue(Job job);
     void ReceiveLoop();
@@ -186,6 +191,7 @@ private:
     std::deque<std::pair<uint64_t, Job>> jobs_;
     uint64_t nextTicket_ = 1;
     uint64_t delivered_ = 0;  // every ticket up to this one is handled
+    uint64_t version_ = 0;    // bumped on every change, for AwaitCondition
     size_t openersRunning_ = 0;
     bool stopping_ = false;
     std::thread receiver_;
