@@ -21,11 +21,11 @@ public:
     virtual sptr<IRemoteObject> AsObject() = 0;
 };
 
-#define DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)                  \
-    static const std::u16string& GetDescriptor()                  \
-    {                                                             \
-        static const std::u16string descriptor(DESCRIPTOR);       \
-        return descriptor;                                        \
+#define DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)            \
+    static const std::u16string& GetDescriptor()            \
+    {                                                       \
+        static const std::u16string descriptor(DESCRIPTOR); \
+        return descriptor;                                  \
     }
 
 class BrokerRegistration {

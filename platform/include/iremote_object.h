@@ -3,6 +3,25 @@
 // when that process dies, the object's death recipients are told once, on the platform's
 // death-notice thread, and requests to it fail with ERR_DEAD_OBJECT.
 // Thread-safety: all operations may be called from any thread.
+//
+// Transports. Today the only one is in-process: IPCObjectStub::SendRequest runs the request
+// itself. A cross-process transport is added below this line, with no change above the
+// platform (plugin and host see only IRemoteObject, IRemoteProxy<I>, iface_cast, MessageParcel):
+//   - a proxy object class (IsProxyObject() true) stands for a stub of another process, one per
+//     object handle on a Unix-socket connection to that process, and carries the stub's
+//     descriptor, so iface_cast and the registered proxies work on it unchanged;
+//   - its SendRequest sends the parcel's bytes and side tables: GetObjects() as object handles
+//     (local stubs exported, proxies passed back as their handles), GetFileDescriptors() with
+//     SCM_RIGHTS, GetOutOfLineData() streamed after the bytes; a synchronous request waits up
+//     to MessageOption::GetWaitTime() for the reply, TF_ASYNC returns once sent;
+//   - the receiving connection thread rebuilds a MessageParcel from the same bytes with
+//     AppendObject / AdoptFileDescriptor / AppendOutOfLineData, takes the caller's identity
+//     from the socket's peer credentials (SO_PEERCRED) and runs the stub's OnRemoteRequest
+//     under ScopedCallingIdentity(peer, owner), exactly as the in-process path does;
+//   - when a connection drops, the transport calls ProcessRegistry::DeclareDead(peer pid).
+//     Proxies keep death recipients with the same bookkeeping as stubs (TakeDeathRecipients,
+//     ClaimDeathNotice), moved then into a base shared by both that the registry's
+//     Attach/Detach take, so recipients fire once on the death-notice thread either way.
 #pragma once
 
 #include <cstdint>

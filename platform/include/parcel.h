@@ -102,16 +102,16 @@ public:
         return T::Unmarshalling(*this);
     }
 
-    size_t GetDataSize() const;          // bytes written
+    size_t GetDataSize() const;  // bytes written
     size_t GetReadPosition() const;
     size_t GetWritePosition() const;
-    size_t GetReadableBytes() const;     // written but not yet read
+    size_t GetReadableBytes() const;  // written but not yet read
     size_t GetWritableBytes() const;
     size_t GetDataCapacity() const;
     bool RewindRead(size_t position);
     bool RewindWrite(size_t position);
     bool SkipBytes(size_t bytes);
-    const uint8_t* GetData() const;      // the written bytes
+    const uint8_t* GetData() const;  // the written bytes
     // Test seam and a real limit: writes fail once the data would exceed this size.
     bool SetMaxCapacity(size_t maxCapacity);
     size_t GetMaxCapacity() const;

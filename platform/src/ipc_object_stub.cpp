@@ -12,9 +12,7 @@
 namespace Vex {
 
 IPCObjectStub::IPCObjectStub(std::u16string descriptor)
-    : IRemoteObject(std::move(descriptor)),
-      ownerPid_(IPCSkeleton::GetSelfPid()),
-      ownerUid_(IPCSkeleton::GetSelfUid())
+    : IRemoteObject(std::move(descriptor)), ownerPid_(IPCSkeleton::GetSelfPid()), ownerUid_(IPCSkeleton::GetSelfUid())
 {
     ProcessRegistry::Get().Attach(this, ownerPid_);
     // Checked after joining: a process declared dead before (or while) we joined owns only

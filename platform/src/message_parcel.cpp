@@ -69,8 +69,7 @@ sptr<IRemoteObject> MessageParcel::ReadRemoteObject()
         return nullptr;  // a null object was written
     }
     int32_t index = -1;
-    if (tag != REMOTE_OBJECT_TAG || !ReadInt32(index) || index < 0 ||
-        static_cast<size_t>(index) >= objects_.size()) {
+    if (tag != REMOTE_OBJECT_TAG || !ReadInt32(index) || index < 0 || static_cast<size_t>(index) >= objects_.size()) {
         RewindRead(start);
         return nullptr;
     }

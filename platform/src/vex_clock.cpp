@@ -56,8 +56,7 @@ struct ClockState {
         if (realNanos >= sliceNanos) {
             return slice;
         }
-        return std::chrono::duration_cast<RealClock::duration>(
-            Duration(static_cast<Duration::rep>(realNanos) + 1));
+        return std::chrono::duration_cast<RealClock::duration>(Duration(static_cast<Duration::rep>(realNanos) + 1));
     }
     void Rebase(Mode newMode, double newSpeed)
     {

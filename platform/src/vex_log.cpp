@@ -53,12 +53,24 @@ void AppendConversion(std::string& out, const std::string& spec, char conversion
         case 'd':
         case 'i':
             switch (length) {
-                case Length::L: emit(va_arg(args, long)); break;
-                case Length::LL: emit(va_arg(args, long long)); break;
-                case Length::Z: emit(va_arg(args, ssize_t)); break;
-                case Length::J: emit(va_arg(args, intmax_t)); break;
-                case Length::T: emit(va_arg(args, ptrdiff_t)); break;
-                default: emit(va_arg(args, int)); break;
+                case Length::L:
+                    emit(va_arg(args, long));
+                    break;
+                case Length::LL:
+                    emit(va_arg(args, long long));
+                    break;
+                case Length::Z:
+                    emit(va_arg(args, ssize_t));
+                    break;
+                case Length::J:
+                    emit(va_arg(args, intmax_t));
+                    break;
+                case Length::T:
+                    emit(va_arg(args, ptrdiff_t));
+                    break;
+                default:
+                    emit(va_arg(args, int));
+                    break;
             }
             break;
         case 'u':
@@ -66,12 +78,24 @@ void AppendConversion(std::string& out, const std::string& spec, char conversion
         case 'X':
         case 'o':
             switch (length) {
-                case Length::L: emit(va_arg(args, unsigned long)); break;
-                case Length::LL: emit(va_arg(args, unsigned long long)); break;
-                case Length::Z: emit(va_arg(args, size_t)); break;
-                case Length::J: emit(va_arg(args, uintmax_t)); break;
-                case Length::T: emit(va_arg(args, ptrdiff_t)); break;
-                default: emit(va_arg(args, unsigned int)); break;
+                case Length::L:
+                    emit(va_arg(args, unsigned long));
+                    break;
+                case Length::LL:
+                    emit(va_arg(args, unsigned long long));
+                    break;
+                case Length::Z:
+                    emit(va_arg(args, size_t));
+                    break;
+                case Length::J:
+                    emit(va_arg(args, uintmax_t));
+                    break;
+                case Length::T:
+                    emit(va_arg(args, ptrdiff_t));
+                    break;
+                default:
+                    emit(va_arg(args, unsigned int));
+                    break;
             }
             break;
         case 'c':
@@ -134,11 +158,16 @@ LogState& State()
 char LevelLetter(LogLevel level)
 {
     switch (level) {
-        case LOG_DEBUG: return 'D';
-        case LOG_INFO: return 'I';
-        case LOG_WARN: return 'W';
-        case LOG_ERROR: return 'E';
-        case LOG_FATAL: return 'F';
+        case LOG_DEBUG:
+            return 'D';
+        case LOG_INFO:
+            return 'I';
+        case LOG_WARN:
+            return 'W';
+        case LOG_ERROR:
+            return 'E';
+        case LOG_FATAL:
+            return 'F';
     }
     return '?';
 }
@@ -149,10 +178,10 @@ void WriteToStderr(const LogRecord& record)
     clock_gettime(CLOCK_REALTIME, &now);
     struct tm local {};
     localtime_r(&now.tv_sec, &local);
-    std::fprintf(stderr, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %05X/%s: %s\n", local.tm_mon + 1, local.tm_mday,
+    std::fprintf(stderr, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %X/%s: %s\n", local.tm_mon + 1, local.tm_mday,
                  local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, static_cast<int>(getpid()),
-                 static_cast<long>(syscall(SYS_gettid)), LevelLetter(record.level), record.domain & 0xFFFFFU,
-                 record.tag.c_str(), record.message.c_str());
+                 static_cast<long>(syscall(SYS_gettid)), LevelLetter(record.level), record.domain, record.tag.c_str(),
+                 record.message.c_str());
 }
 
 }  // namespace

@@ -40,9 +40,9 @@ SysEventSink MakeJsonLinesSink(const std::string& path)
     std::shared_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
     return [file, writer](const SysEventRecord& record) {
         Json::Value event(Json::objectValue);
-        event["time_ms"] = static_cast<Json::Int64>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                        std::chrono::system_clock::now().time_since_epoch())
-                                                        .count());
+        event["time_ms"] = static_cast<Json::Int64>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+                .count());
         event["domain"] = record.domain;
         event["name"] = record.name;
         event["type"] = record.type;
