@@ -34,6 +34,8 @@ public:
     int32_t Post(std::function<void()> task);
     // Blocks (real time) until nothing is queued or running; false on time-out.
     bool WaitIdle(std::chrono::milliseconds timeout);
+    // Blocks (real time) until at most count workers remain; false on time-out.
+    bool AwaitThreadCountAtMost(size_t count, std::chrono::milliseconds timeout);
 
     size_t ThreadCount() const;
     size_t BusyCount() const;

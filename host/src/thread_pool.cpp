@@ -101,6 +101,12 @@ bool ThreadPool::WaitIdle(std::chrono::milliseconds timeout)
     return stateCv_.wait_for(lock, timeout, [this] { return queue_.empty() && busy_ == 0; });
 }
 
+bool ThreadPool::AwaitThreadCountAtMost(size_t count, std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return stateCv_.wait_for(lock, timeout, [this, count] { return threads_ <= count; });
+}
+
 size_t ThreadPool::ThreadCount() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
