@@ -21,11 +21,13 @@ public:
     virtual sptr<IRemoteObject> AsObject() = 0;
 };
 
-#define DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)            \
-    static const std::u16string& GetDescriptor()            \
-    {                                                       \
-        static const std::u16string descriptor(DESCRIPTOR); \
-        return descriptor;                                  \
+// The descriptor is never destroyed: static BrokerDelegators of other libraries unregister by
+// it while the process exits, possibly after the copy in the executable would be gone.
+#define DECLARE_INTERFACE_DESCRIPTOR(DESCRIPTOR)                                  \
+    static const std::u16string& GetDescriptor()                                  \
+    {                                                                             \
+        static const std::u16string* descriptor = new std::u16string(DESCRIPTOR); \
+        return *descriptor;                                                       \
     }
 
 class BrokerRegistration {
