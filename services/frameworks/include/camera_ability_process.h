@@ -196,6 +196,9 @@ public:
     int32_t ProcessDisconnect(std::string networkId);
     void ProcessWifiShutDown();
     void ProcessCtrlChannelShutDown(const std::string& key);
+    // Stops watching the application of a collaboration that has ended and frees its death
+    // recipient; does nothing when the recipient is already firing or was detached before.
+    void DetachCollaborationDeathRecipient(const std::shared_ptr<CameraProcessState>& state);
 
     const std::string& GetFrameworkName() const { return frameworkName_; }
     const std::string& GetDataTypeName() const { return dataTypeName_; }
