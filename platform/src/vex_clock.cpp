@@ -142,23 +142,23 @@ std::cv_status Clock::WaitUntil(std::condition_variable& cv, std::unique_lock<st
 {
     ClockState& state = State();
     WaiterScope scope(state, &cv);
-    for (;;) {
-        RealClock::duration slice;
-        {
-            std::lock_guard<std::mutex> clockLock(state.mutex);
-            TimePoint now = state.NowLocked();
-            if (now >= deadline) {
-                return std::cv_status::timeout;
-            }
-            slice = state.mode == Mode::SIMULATED ? RealClock::duration(SIMULATED_SLICE)
-                                                  : state.RealWait(deadline - now, REAL_SLICE);
+    RealClock::duration slice;
+    {
+        std::lock_guard<std::mutex> clockLock(state.mutex);
+        TimePoint now = state.NowLocked();
+        if (now >= deadline) {
+            return std::cv_status::timeout;
         }
-        if (cv.wait_for(lock, slice) == std::cv_status::no_timeout) {
-            // Woken (by the caller's notify, by Advance or spuriously): a deadline that has
-            // passed meanwhile still counts as a time-out, as with the standard wait.
-            return Now() >= deadline ? std::cv_status::timeout : std::cv_status::no_timeout;
-        }
+        slice = state.mode == Mode::SIMULATED ? RealClock::duration(SIMULATED_SLICE)
+                                              : state.RealWait(deadline - now, REAL_SLICE);
     }
+    // Every end of the slice goes back to the caller, who re-checks its condition (a spurious
+    // wake-up at worst): the standard wait reports a time-out whenever the slice has run out by
+    // the time the thread runs again, even when the caller's notify woke it, so waiting on here
+    // would lose that notify. A deadline that has passed meanwhile counts as a time-out, as
+    // with the standard wait.
+    cv.wait_for(lock, slice);
+    return Now() >= deadline ? std::cv_status::timeout : std::cv_status::no_timeout;
 }
 
 void Clock::UseRealTime()
