@@ -47,6 +47,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex_);
         entries_.clear();
+        unblocked_ = false;
     }
     // Lets a command blocked in Execute go.
     void Unblock()
