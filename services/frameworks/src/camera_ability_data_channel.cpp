@@ -53,10 +53,11 @@ std::pair<int32_t, int32_t> CameraAbilityProcess::QueryDataChannel(std::shared_p
     int32_t channelId = QueryDataChannelId(sessionId);
     auto [status, code] = context->GetTransmitChanelStatus();
     if (IsChannelGivenUp(status)) {
-        TNDR_SERVICE_LOGE("get transmit Chanel status before wait open failed or canceled."
-                          "             collaborationSessionId: %{public}d, session: %{public}d, "
-                          "status: %{public}d, code: %{public}d.",
-                          sessionId, channelId, status, code);
+        TNDR_SERVICE_LOGE(
+            "get transmit Chanel status before wait open failed or canceled."
+            "             collaborationSessionId: %{public}d, session: %{public}d, "
+            "status: %{public}d, code: %{public}d.",
+            sessionId, channelId, status, code);
         return {code, NO_CHANNEL};
     }
     if (channelId != NO_CHANNEL) {
@@ -89,10 +90,11 @@ std::pair<int32_t, int32_t> CameraAbilityProcess::QueryDataChannel(std::shared_p
         channelId = QueryDataChannelId(sessionId);
     }
     std::tie(status, code) = context->GetTransmitChanelStatus();
-    TNDR_SERVICE_LOGE("get transmit Chanel status after wait open."
-                      "             collaborationSessionId: %{public}d, session: %{public}d, "
-                      "status: %{public}d, code: %{public}d.",
-                      sessionId, channelId, status, code);
+    TNDR_SERVICE_LOGE(
+        "get transmit Chanel status after wait open."
+        "             collaborationSessionId: %{public}d, session: %{public}d, "
+        "status: %{public}d, code: %{public}d.",
+        sessionId, channelId, status, code);
     if (status == PutPhotoContext::CHANNEL_FAILED) {
         return {code, NO_CHANNEL};
     }
@@ -123,8 +125,8 @@ int32_t CameraAbilityProcess::SendMsgHeaderByDataChannel(std::shared_ptr<PutPhot
     return res;
 }
 
-int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> context,
-                                            std::shared_ptr<PhotoParam> param, bool isFirst)
+int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> context, std::shared_ptr<PhotoParam> param,
+                                            bool isFirst)
 {
     TNDR_SERVICE_LOGI("enter");
     if (param == nullptr || param->buffer == nullptr) {
@@ -138,9 +140,9 @@ int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> con
     }
     // The buffer already holds header and file side by side, so the photo goes out as it was
     // read, without another copy.
-    int32_t res = SessionManager::TransmitMsgToSpecificChannel(channelId, context->GetCollaborationSessionId(),
-                                                               param->buffer.get(), param->totalLength,
-                                                               MSG_TYPE_CAMERA, isFirst);
+    int32_t res =
+        SessionManager::TransmitMsgToSpecificChannel(channelId, context->GetCollaborationSessionId(),
+                                                     param->buffer.get(), param->totalLength, MSG_TYPE_CAMERA, isFirst);
     TNDR_SERVICE_LOGI("res is %{public}d", res);
     return res;
 }

@@ -163,8 +163,7 @@ std::shared_ptr<OnEventProcess> CameraAbilityProcess::QueryOnEventProcess(std::s
     return it == eventProcesses_.end() ? nullptr : it->second;
 }
 
-std::shared_ptr<OnEventProcess> CameraAbilityProcess::QueryOnEventProcess(int32_t pid, int32_t uid,
-                                                                          std::string& event)
+std::shared_ptr<OnEventProcess> CameraAbilityProcess::QueryOnEventProcess(int32_t pid, int32_t uid, std::string& event)
 {
     std::string key = StitchingEventToKey(pid, uid, event);
     if (key.empty()) {
@@ -272,8 +271,7 @@ void CameraAbilityProcess::ClearCachedEvent(const std::string& bundleName)
     cachedEvents_.remove_if([&bundleName](const CachedEvent& entry) { return entry.bundleName == bundleName; });
 }
 
-int32_t CameraAbilityProcess::ProcessCancelTakePhotoCallBack(uint32_t code, std::string& event,
-                                                             std::string& bundleName)
+int32_t CameraAbilityProcess::ProcessCancelTakePhotoCallBack(uint32_t code, std::string& event, std::string& bundleName)
 {
     TNDR_SERVICE_LOGI("enter");
     std::shared_ptr<OnEventProcess> process = QueryOnBundleNameProcess(event, bundleName);
@@ -289,8 +287,7 @@ int32_t CameraAbilityProcess::ProcessCancelTakePhotoCallBack(uint32_t code, std:
         TNDR_SERVICE_LOGE("build callback five code failed");
         return ERR_INVALID;
     }
-    if (!data.WriteUint32(code) || !data.WriteUint32(process->collaborationId) ||
-        !data.WriteString(CATEGORY_FILLER)) {
+    if (!data.WriteUint32(code) || !data.WriteUint32(process->collaborationId) || !data.WriteString(CATEGORY_FILLER)) {
         TNDR_SERVICE_LOGE("errorCode write failed");
         return ERR_INVALID;
     }

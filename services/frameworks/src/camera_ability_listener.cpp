@@ -33,8 +33,7 @@ void CameraAbilityProcessListener::OnDataReceived(const std::string& key, const 
     process->OnDataReceived(collaborationId, data, len);
 }
 
-void CameraAbilityProcessListener::OnDataReceived(int32_t id, const char* data, uint32_t len,
-                                                  uint32_t /* reserved */)
+void CameraAbilityProcessListener::OnDataReceived(int32_t id, const char* data, uint32_t len, uint32_t /* reserved */)
 {
     // Messages are only ever delivered by session key; one arriving by bare id is logged and
     // dropped.

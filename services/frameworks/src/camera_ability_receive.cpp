@@ -77,8 +77,7 @@ void CameraAbilityProcess::OnDataReceived(uint32_t collaborationId, const char* 
     ProcessDataReceived(header.code, header.size, collaborationId, data);
 }
 
-void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uint32_t collaborationId,
-                                               const char* data)
+void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uint32_t collaborationId, const char* data)
 {
     switch (code) {
         case CODE_PHOTO_FAILED:
@@ -115,9 +114,8 @@ void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uin
             ProcessPhotoDataReceived(code, size, collaborationId, data);
             break;
         case CODE_CAMERA_STARTED:
-            DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_REQUEST,
-                                  DFX::SerCollBizStage::START_ABILITY, DFX::StageRes::SUCCESS, 0,
-                                  DFX::BizState::END);
+            DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_REQUEST, DFX::SerCollBizStage::START_ABILITY,
+                                  DFX::StageRes::SUCCESS, 0, DFX::BizState::END);
             break;
         default:
             TNDR_SERVICE_LOGI("THE code not find, code = %{public}u.", code);
@@ -133,8 +131,7 @@ void CameraAbilityProcess::DfxCodeReceived(uint32_t code, bool isSuccess)
     }
     DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::FAILED, static_cast<int32_t>(code), DFX::BizState::END);
     DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
-                          DFX::StageRes::FAILED, static_cast<int32_t>(code - DFX_ERROR_CODE_BASE),
-                          DFX::BizState::END);
+                          DFX::StageRes::FAILED, static_cast<int32_t>(code - DFX_ERROR_CODE_BASE), DFX::BizState::END);
 }
 
 bool CameraAbilityProcess::CheckAndUpdateState(uint32_t collaborationId, uint32_t code)
@@ -239,8 +236,8 @@ void CameraAbilityProcess::ProcessPhotoDataReceived(uint32_t code, uint32_t size
     TNDR_SERVICE_LOGI("THE code not find, code = %{public}u.", code);
 }
 
-int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, uint32_t collaborationId,
-                                                      uint32_t size, const char* data)
+int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, uint32_t collaborationId, uint32_t size,
+                                                      const char* data)
 {
     TNDR_SERVICE_LOGI("enter, photoSendStatus = %{public}u", photoSendStatus);
     if (data == nullptr) {
@@ -293,11 +290,7 @@ int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, 
         return result;
     }
     if (photoSendStatus == EVENT_LAST_PHOTO) {
-        sptr<IRemoteObject> remote = state->GetRemoteObject();
-        sptr<IRemoteObject::DeathRecipient> recipient = state->GetDeathRecipientObject();
-        if (remote != nullptr && recipient != nullptr) {
-            remote->RemoveDeathRecipient(recipient);
-        }
+        DetachCollaborationDeathRecipient(state);
         SendStopTakePhotoReq(collaborationId, state->GetNetworId());
         EraseCameraProcess(collaborationId);
         EraseSessionId(collaborationId);
