@@ -166,6 +166,9 @@ int32_t CameraAbilityProcess::ProcessPhotoEventCommand(uint32_t code, uint32_t c
         TNDR_SERVICE_LOGE("query CameraProcess failed");
         return ERR_NO_RECORD;
     }
+    // The stop sequence needs the code as it was reported: a lost control session must not be
+    // answered with a stop request on it, and the application only ever sees the mapped code.
+    const uint32_t reportedCode = code;
     if (message == MSG_ERRORCODE) {
         code = GetErrorCode(state->GetStatus(), code);
     }
@@ -190,7 +193,7 @@ int32_t CameraAbilityProcess::ProcessPhotoEventCommand(uint32_t code, uint32_t c
     // Every reported event but the photo count ends the collaboration; the stop sequence
     // decides which.
     int32_t post = AsynThreadPool::AddAsynTask(
-        [this, collaborationId, code, state]() { SendStopTakePhoto(collaborationId, code, state); });
+        [this, collaborationId, reportedCode, state]() { SendStopTakePhoto(collaborationId, reportedCode, state); });
     TNDR_SERVICE_LOGI("add async result = %{public}d", post);
     return 0;
 }
