@@ -14,7 +14,9 @@ RefBase::~RefBase()
 
 void RefBase::IncStrongRef(const void* objectId)
 {
-    int32_t previous = refs_->strong.fetch_add(1, std::memory_order_relaxed);
+    // Release: the first strong reference publishes the constructed object to threads that
+    // later promote a weak reference (or the process registry's record) with acquire.
+    int32_t previous = refs_->strong.fetch_add(1, std::memory_order_acq_rel);
     if (previous == 0 && !refs_->everStrong.exchange(true, std::memory_order_acq_rel)) {
         OnFirstStrongRef(objectId);
     }
