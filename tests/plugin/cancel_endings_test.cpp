@@ -180,6 +180,23 @@ TEST_F(NotAnEndingTest, NoSessionIdMeansNoStopRequest)
     ExpectApplicationReleased();
 }
 
+// A cancel names its collaboration: another id changes nothing, and a collaboration is
+// cancelled once.
+TEST_F(NotAnEndingTest, CancelNamesItsCollaboration)
+{
+    Collaboration collaboration = Start();
+    EXPECT_EQ(CancelByService(collaboration.id + 1), 1001);
+    EXPECT_NE(process_->QueryCameraProcess(collaboration.id), nullptr);
+    EXPECT_TRUE(env_->Bus().Closes().empty());
+
+    EXPECT_EQ(CancelByService(collaboration.id), 0);
+    EXPECT_EQ(CancelByService(collaboration.id), 1001);
+    Settle();
+    EXPECT_EQ(env_->Bus().Closes().size(), 1u);
+    EXPECT_EQ(FreeStatePublications(), 1u);
+    ExpectGone(collaboration.id);
+}
+
 }  // namespace
 }  // namespace CancelTesting
 }  // namespace Tandra
