@@ -19,6 +19,10 @@ constexpr uint32_t ABILITY_SERVICE = 103;
 constexpr uint32_t ABILITY_STATE = 1;
 constexpr uint32_t ABILITY_DATA = 3;
 constexpr uint32_t PHOTO_DATA = 105;
+// Sub-services of the collaboration event service that carry an event (105 is photo data).
+constexpr uint32_t EVENT_FIRST = 103;
+constexpr uint32_t EVENT_SECOND = 104;
+constexpr uint32_t EVENT_THIRD = 106;
 
 // Sub-service types of the surface-transfer callbacks (code 601).
 constexpr uint32_t SURFACE_EVENT_FIRST = 40001;
@@ -265,7 +269,8 @@ int32_t CallbackSkeleton::CollaborationToDeviceCallback(MessageParcel& data, Mes
         return result;
     }
     if (header.serviceType == COLLABORATION_EVENT_SERVICE &&
-        (header.subServiceType == 103 || header.subServiceType == 104 || header.subServiceType == 106)) {
+        (header.subServiceType == EVENT_FIRST || header.subServiceType == EVENT_SECOND ||
+         header.subServiceType == EVENT_THIRD)) {
         uint32_t code = data.ReadUint32();
         uint32_t eventId = data.ReadUint32();
         std::string text = data.ReadString();
