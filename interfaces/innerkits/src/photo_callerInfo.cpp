@@ -10,8 +10,7 @@ bool PhotoCallerInfo::Marshalling(Parcel& parcel) const
 {
     // The module name stays on this device: the peer of this parcel never needs it.
     bool written = parcel.WriteInt32(collaborationSessionId_) && parcel.WriteString(abilityName_) &&
-                   parcel.WriteString(bundleName_) && parcel.WriteString(deviceId_) &&
-                   parcel.WriteUint32(deviceType_);
+                   parcel.WriteString(bundleName_) && parcel.WriteString(deviceId_) && parcel.WriteUint32(deviceType_);
     if (!written) {
         TNDR_PROXY_LOGE("parcel parse failed");
         return false;

@@ -128,9 +128,8 @@ int32_t CameraAbilityProcess::ProcessPutPhotoRequest(std::shared_ptr<PutPhotoCon
     DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::CAMERA_RUNNING,
                           DFX::StageRes::SUCCESS, 0, DFX::BizState::END);
     sptr<PhotoInfo> info = photoInfo;
-    int32_t addResult = AsynThreadPool::AddAsynTask([this, context, info, param]() mutable {
-        ProcessPutPhoto(context, info, param);
-    });
+    int32_t addResult =
+        AsynThreadPool::AddAsynTask([this, context, info, param]() mutable { ProcessPutPhoto(context, info, param); });
     TNDR_SERVICE_LOGI("addResult = %{public}d", addResult);
     if (addResult != 0) {
         CloseDescriptors(photoInfo->GetPhotoFdList());
@@ -277,8 +276,8 @@ int32_t CameraAbilityProcess::ProcessPutPhotoCallBack(std::shared_ptr<PutPhotoCo
     MessageParcel data;
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, CALLBACK_WAIT_SECONDS);
-    int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(
-        data, CALLBACK_SERVICE_EVENT, CALLBACK_PUT_IMAGE_RESULT, 0, 0, 0);
+    int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, CALLBACK_SERVICE_EVENT,
+                                                                                CALLBACK_PUT_IMAGE_RESULT, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback five code failed");
         return ERR_INVALID_PARAM;

@@ -51,8 +51,7 @@ public:
     int32_t IniandApplytResource(SessionAttribute& attr, std::string peerDeviceId);
     int32_t ApplyResource();
     int32_t InitSessionAttributeForTakePhoto(SessionAttribute& attr);
-    void ProcessApplyResourceResult(std::string deviceId, std::string serviceName, std::string reason,
-                                    uint32_t result);
+    void ProcessApplyResourceResult(std::string deviceId, std::string serviceName, std::string reason, uint32_t result);
 
     std::shared_ptr<StartAbilityParam> GetStartAbilityParam() const { return startAbilityParam_; }
 

@@ -40,8 +40,8 @@ public:
 
 class CmdDisConnectCallback : public TakePhotoCommandCallback {
 public:
-    using TakePhotoCommandCallback::TakePhotoCommandCallback;
     using CallbackSkeleton::OnDisconnected;
+    using TakePhotoCommandCallback::TakePhotoCommandCallback;
     int32_t OnDisconnected(std::string peerDeviceId, std::string serviceName) override;
 };
 

@@ -92,9 +92,8 @@ int32_t TakePhotoCommand::Execute(int collaborationSessionId)
     process->ClearCachedEvent(startAbilityParam_->bundleName);
     int32_t result = StartAbilityAdapter::StartAbility(collaborationSessionId, startAbilityParam_);
     if (result != 0) {
-        DFX::ReportStageToCall(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND,
-                               DFX::SerCollBizStage::START_ABILITY, DFX::StageRes::FAILED, result,
-                               START_ABILITY_CALLEE);
+        DFX::ReportStageToCall(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::START_ABILITY,
+                               DFX::StageRes::FAILED, result, START_ABILITY_CALLEE);
         TNDR_SERVICE_LOGE("StartCamera fail");
         return result;
     }
@@ -231,8 +230,7 @@ void TakePhotoCommand::RecordCommandReleaseResult(uint32_t cameraStatus, bool is
     if (cameraStatus == PutPhotoContext::CAMERA_RUNNING) {
         if (isCameraAlive) {
             DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND,
-                                  DFX::SerCollBizStage::CAMERA_RUNNING, DFX::StageRes::CANCEL, 0,
-                                  DFX::BizState::END);
+                                  DFX::SerCollBizStage::CAMERA_RUNNING, DFX::StageRes::CANCEL, 0, DFX::BizState::END);
         } else {
             DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND,
                                   DFX::SerCollBizStage::CAMERA_RUNNING, DFX::StageRes::FAILED, ERR_CAMERA_DIED,

@@ -39,7 +39,7 @@ constexpr int TRANS_RELIABILITY = 1;
 // Peer-to-peer first, then the access point's 5 GHz and 2.4 GHz bands.
 constexpr LinkType TAKE_PHOTO_LINK_TYPES[LINK_TYPE_MAX] = {
     LINK_TYPE_WIFI_P2P, LINK_TYPE_WIFI_WLAN_5G, LINK_TYPE_WIFI_WLAN_2G, LINK_TYPE_NONE, LINK_TYPE_NONE,
-    LINK_TYPE_NONE,     LINK_TYPE_NONE,        LINK_TYPE_NONE,        LINK_TYPE_NONE,
+    LINK_TYPE_NONE,     LINK_TYPE_NONE,         LINK_TYPE_NONE,         LINK_TYPE_NONE,
 };
 }  // namespace
 
@@ -105,12 +105,11 @@ int32_t TakePhotoCommand::IniandApplytResource(SessionAttribute& attr, std::stri
 int32_t TakePhotoCommand::ApplyResource()
 {
     sptr<ResourceRequest> request = new (std::nothrow) ResourceRequest();
-    sptr<CommunicationRequest> communication = new (std::nothrow)
-        CommunicationRequest(MIN_BANDWIDTH, MAX_LATENCY, MIN_LATENCY, MAX_WAIT_TIME, MAX_BUFFER);
+    sptr<CommunicationRequest> communication =
+        new (std::nothrow) CommunicationRequest(MIN_BANDWIDTH, MAX_LATENCY, MIN_LATENCY, MAX_WAIT_TIME, MAX_BUFFER);
     sptr<HardwareRequest> hardware = new (std::nothrow) HardwareRequest(HardwareType::CAMERA, true);
     if (request == nullptr || communication == nullptr || hardware == nullptr) {
-        TNDR_SERVICE_LOGE(
-            "failed to new ResourceRequest or new CommunicationRequest or new HardwareRequest.");
+        TNDR_SERVICE_LOGE("failed to new ResourceRequest or new CommunicationRequest or new HardwareRequest.");
         return ERR_INVALID_PARAM;
     }
     communication->SetMaxIdleTime(MAX_IDLE_TIME);
