@@ -11,7 +11,8 @@ namespace Tandra {
 
 class TandraServiceUtils {
 public:
-    // A collaboration id not handed out before in this process (never 0).
+    // A collaboration id that no running collaboration holds (never 0). Ids count up, so one
+    // comes back only after ReleaseCollaborationId and a wrap-around of the counter.
     static uint32_t ObtainIdleCollaborationId();
     // Lets an id be handed out again once its collaboration has ended.
     static void ReleaseCollaborationId(uint32_t collaborationId);
