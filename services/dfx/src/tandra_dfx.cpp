@@ -28,14 +28,14 @@ void Write(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, i
 {
     const std::string func = site.func != nullptr ? site.func : "";
     // Refused or limited writes are ignored: reporting never changes the flow.
-    (void)Vex::VexSysEvent::Write(
-        site.func, site.line, EVENT_DOMAIN, EVENT_NAME, EVENT_TYPE, "FUNC", func, "BIZ_SCENE", scene, "BIZ_STAGE",
-        stage, "ORG_PKG", ORG_PKG, "STAGE_RES", res, "ERROR_CODE", errorCode, "TRIGGER_MODE", TriggerMode::AUTO,
-        "COMM_SERV", CommServ::SOFT_BUS, "BIZ", Biz::CAMERA_COLLABORATION, "LOCAL_UDID",
-        DfxHelper::GetAnonymousID(TandraServiceUtils::GetLocalUdid()), "LOCAL_NET_ID",
-        DfxHelper::GetAnonymousID(TandraServiceUtils::GetLocalNetworkId()), "LOCAL_DEV_TYPE",
-        TandraServiceUtils::ConvertHexToString(TandraServiceUtils::GetLocalDeviceType()),
-        std::forward<Extra>(extra)...);
+    (void)Vex::VexSysEvent::Write(site.func, site.line, EVENT_DOMAIN, EVENT_NAME, EVENT_TYPE, "FUNC", func, "BIZ_SCENE",
+                                  scene, "BIZ_STAGE", stage, "ORG_PKG", ORG_PKG, "STAGE_RES", res, "ERROR_CODE",
+                                  errorCode, "TRIGGER_MODE", TriggerMode::AUTO, "COMM_SERV", CommServ::SOFT_BUS, "BIZ",
+                                  Biz::CAMERA_COLLABORATION, "LOCAL_UDID",
+                                  DfxHelper::GetAnonymousID(TandraServiceUtils::GetLocalUdid()), "LOCAL_NET_ID",
+                                  DfxHelper::GetAnonymousID(TandraServiceUtils::GetLocalNetworkId()), "LOCAL_DEV_TYPE",
+                                  TandraServiceUtils::ConvertHexToString(TandraServiceUtils::GetLocalDeviceType()),
+                                  std::forward<Extra>(extra)...);
     TNDR_EVENT_LOGI("event = %{public}s; stage = %{public}d; res = %{public}d; err = %{public}d", EVENT_NAME,
                     static_cast<int32_t>(stage), static_cast<int32_t>(res), errorCode);
 }
@@ -82,9 +82,9 @@ void ReportChannel(CallSite site, StageRes res, int32_t errorCode, const std::st
 {
     // Channel failures come as negative transport codes; the report carries their magnitude.
     const int32_t reported = errorCode == INT32_MIN ? INT32_MAX : (errorCode < 0 ? -errorCode : errorCode);
-    Write(site, BizScene::TAKE_PHOTO_COMMAND, SerCollBizStage::DATA_CHANNEL, res, reported, "TO_CALL_PKG",
-          SOFT_BUS_PKG, "LOCAL_SESS_NAME", DATA_SESSION_NAME, "PEER_SESS_NAME", DATA_SESSION_NAME, "IS_TRUST", true,
-          "PEER_NET_ID", DfxHelper::GetAnonymousID(peerNetworkId));
+    Write(site, BizScene::TAKE_PHOTO_COMMAND, SerCollBizStage::DATA_CHANNEL, res, reported, "TO_CALL_PKG", SOFT_BUS_PKG,
+          "LOCAL_SESS_NAME", DATA_SESSION_NAME, "PEER_SESS_NAME", DATA_SESSION_NAME, "IS_TRUST", true, "PEER_NET_ID",
+          DfxHelper::GetAnonymousID(peerNetworkId));
 }
 
 }  // namespace DFX

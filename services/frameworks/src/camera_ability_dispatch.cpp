@@ -1,9 +1,8 @@
 // Routing of an application's request to its handler by the sub-service code, and the
 // take-photo handler's parcel frame.
-#include "camera_ability_process.h"
-
 #include <tuple>
 
+#include "camera_ability_process.h"
 #include "vex_log_tags.h"
 
 namespace QUEX {
