@@ -29,6 +29,7 @@
 #include "host_types.h"
 #include "ipc_skeleton.h"
 #include "messages_app_callback.h"
+#include "photo_callerInfo.h"
 #include "process_registry.h"
 #include "scripted_meshline_service.h"
 #include "test_device.h"
@@ -159,6 +160,29 @@ private:
     std::condition_variable cv_;
     std::vector<std::string> messages_;
 };
+
+// The camera application's remote cancel (request code 10) in the framework service's
+// envelope: the caller info naming its collaboration (absent when no session is given), then
+// the error code to relay to the requester.
+inline void WriteRemoteCancelRequest(Vex::MessageParcel& data, const int32_t* collaborationSessionId, uint32_t errCode)
+{
+    constexpr uint32_t REQ_REMOTE_CANCEL = 10;
+    data.WriteInterfaceToken(HostServiceStub::GetDescriptor());
+    data.WriteUint32(SERVICE_TYPE_COLLABORATION_TO_DEVICE);
+    for (uint32_t value : {REQ_REMOTE_CANCEL, 0u, 0u, 0u}) {
+        data.WriteUint32(value);
+    }
+    if (collaborationSessionId != nullptr) {
+        Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
+        caller->SetCollaborationSessionId(*collaborationSessionId);
+        caller->SetBundleName("com.example.camera");
+        caller->SetDeviceType(0x0E);
+        data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr()));
+    } else {
+        data.WriteInt32(0);
+    }
+    data.WriteUint32(errCode);
+}
 
 inline AbilityInfo PeerCamera()
 {

@@ -3,6 +3,7 @@
 // switched off while collaborations run.
 #include <optional>
 
+#include "cancel_fixture.h"
 #include "put_photo_context.h"
 #include "serving_test_support.h"
 
@@ -11,31 +12,15 @@ namespace Tandra {
 namespace Testing {
 namespace {
 
-constexpr uint32_t REQ_REMOTE_CANCEL = 10;
 constexpr uint32_t APP_FAILURE = 1001201903;
 
 class RemoteCancelTest : public ServingDeviceTest {
 protected:
-    // The remote cancel as the camera application writes it: caller info (when present), then
-    // the error code to relay.
     int32_t RemoteCancel(std::optional<int32_t> collaborationSessionId, uint32_t errCode)
     {
         Vex::MessageParcel data;
-        data.WriteInterfaceToken(HostServiceStub::GetDescriptor());
-        data.WriteUint32(SERVICE_TYPE_COLLABORATION_TO_DEVICE);
-        for (uint32_t value : {REQ_REMOTE_CANCEL, 0u, 0u, 0u}) {
-            data.WriteUint32(value);
-        }
-        if (collaborationSessionId.has_value()) {
-            Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
-            caller->SetCollaborationSessionId(*collaborationSessionId);
-            caller->SetBundleName(CAMERA_BUNDLE);
-            caller->SetDeviceType(0x0E);
-            data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr()));
-        } else {
-            data.WriteInt32(0);
-        }
-        data.WriteUint32(errCode);
+        CancelTesting::WriteRemoteCancelRequest(
+            data, collaborationSessionId.has_value() ? &*collaborationSessionId : nullptr, errCode);
         return app_.Send(data);
     }
 
