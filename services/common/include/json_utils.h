@@ -3,10 +3,10 @@
 // Thread-safety: stateless; call from any thread.
 #pragma once
 
+#include <json/json.h>
+
 #include <memory>
 #include <string>
-
-#include <json/json.h>
 
 namespace QUEX {
 namespace Tandra {

@@ -150,8 +150,8 @@ int32_t CameraAbilityProcess::ProcessApplyResource(const std::string& networkId)
     }
 
     sptr<ApplyResultCallback> callback = new (std::nothrow) ApplyResultCallback();
-    int32_t res = MeshlineManager::GetInstance().ApplyAdvancedResource(networkId, frameworkName_, resourceRequest,
-                                                                        callback);
+    int32_t res =
+        MeshlineManager::GetInstance().ApplyAdvancedResource(networkId, frameworkName_, resourceRequest, callback);
     if (res != ERR_OK) {
         TNDR_SERVICE_LOGE("failed to meshline param check.");
         EraseCurrentInfo(networkId);
@@ -176,8 +176,8 @@ int32_t CameraAbilityProcess::InitApplyInfo(sptr<ResourceRequest> resourceReques
         TNDR_SERVICE_LOGE("resourceRequest is nullptr.");
         return ERR_INVALID_PARAM;
     }
-    sptr<CommunicationRequest> communication = new (std::nothrow)
-        CommunicationRequest(COMM_MIN_BANDWIDTH, COMM_MAX_LATENCY, COMM_MIN_LATENCY, COMM_MAX_WAIT_TIME, COMM_MAX_BUFFER);
+    sptr<CommunicationRequest> communication = new (std::nothrow) CommunicationRequest(
+        COMM_MIN_BANDWIDTH, COMM_MAX_LATENCY, COMM_MIN_LATENCY, COMM_MAX_WAIT_TIME, COMM_MAX_BUFFER);
     sptr<HardwareRequest> camera = new (std::nothrow) HardwareRequest(HardwareType::CAMERA, true);
     sptr<HardwareRequest> display = new (std::nothrow) HardwareRequest(HardwareType::DISPLAY, false);
     if (communication == nullptr || camera == nullptr || display == nullptr) {
@@ -213,8 +213,8 @@ void CameraAbilityProcess::ApplyResourcecallback(const std::string& networkId, c
 
 uint32_t CameraAbilityProcess::ProcessCameraSessions(const std::string& networkId, sptr<IRemoteObject> callback)
 {
-    sptr<CallbackSkeletonProxy> proxy = callback != nullptr ? new (std::nothrow) CallbackSkeletonProxy(callback)
-                                                            : nullptr;
+    sptr<CallbackSkeletonProxy> proxy =
+        callback != nullptr ? new (std::nothrow) CallbackSkeletonProxy(callback) : nullptr;
     if (proxy == nullptr) {
         TNDR_SERVICE_LOGE("callback is null");
         return 0;
@@ -255,17 +255,18 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
     const std::string networkId = deviceInfo->GetDeviceNetworkId();
     const std::string collIdStr = UIntToString(collaborationId);
     const std::string sessionName = collIdStr + "-" + networkId;
-    TNDR_SERVICE_LOGI("networkId = %{public}s,  abilityTypeStr = %{public}s,collIdStr = %{public}s, "
-                      "localDeviceId =%{public}s",
-                      networkId.c_str(), abilityFilter->GetAbilityType().c_str(), collIdStr.c_str(),
-                      localInfo->GetLocalDeviceId().c_str());
+    TNDR_SERVICE_LOGI(
+        "networkId = %{public}s,  abilityTypeStr = %{public}s,collIdStr = %{public}s, "
+        "localDeviceId =%{public}s",
+        networkId.c_str(), abilityFilter->GetAbilityType().c_str(), collIdStr.c_str(),
+        localInfo->GetLocalDeviceId().c_str());
     DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
                           DFX::StageRes::BEGIN, 0, DFX::BizState::BEGIN);
 
     std::string peerUdid = deviceInfo->GetDeviceUdid();
     std::string commandText = GenerateTakePhotoReqCommand(peerUdid, abilityFilter, localInfo);
-    auto serviceInfo = std::make_shared<ServiceInfo>(SERVICE_TYPE_CAMERA, SESSION_TYPE_CONTROL, sessionName,
-                                                     std::move(commandText));
+    auto serviceInfo =
+        std::make_shared<ServiceInfo>(SERVICE_TYPE_CAMERA, SESSION_TYPE_CONTROL, sessionName, std::move(commandText));
     auto [result, sessionId] =
         SessionManager::CollaborationToDeviceByCtrlSession(localInfo->GetLocalDeviceId(), networkId, serviceInfo);
     TNDR_SERVICE_LOGI("collbyCtrlSession ret: %{public}d, id: %{public}d.", result, sessionId);
