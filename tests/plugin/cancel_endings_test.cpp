@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "cancel_fixture.h"
+#include "listener_manager.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -194,6 +195,29 @@ TEST_F(NotAnEndingTest, CancelNamesItsCollaboration)
     Settle();
     EXPECT_EQ(env_->Bus().Closes().size(), 1u);
     EXPECT_EQ(FreeStatePublications(), 1u);
+    ExpectGone(collaboration.id);
+}
+
+// A session that the peer opened towards this device is named with the peer's own id, which
+// may equal the id of this device's collaboration with that peer. Its loss ends only the
+// commands it carried, not our collaboration.
+TEST_F(NotAnEndingTest, LossOfThePeersOwnSessionIsNotOurs)
+{
+    Collaboration collaboration = Start();
+    const std::string peersSession = IdText(collaboration.id) + "-" + device_.Identity().networkId;
+    // Delivered on this thread: an ending would have told the application before it returns.
+    ListenerManager::GetInstance()->NotifyCtrlChannelShutDown(peersSession);
+    EXPECT_TRUE(app_->Calls().empty());
+    EXPECT_NE(process_->QueryCameraProcess(collaboration.id), nullptr);
+    EXPECT_TRUE(device_.Peer().IsSessionOpen(collaboration.sessionId));
+    EXPECT_EQ(FreeStatePublications(), 0u);
+    // The wait for the peer's first answer still runs.
+    EXPECT_EQ(Vex::Clock::WaitingCount(), 1u);
+
+    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(collaboration.sessionId)));
+    Settle();
+    ASSERT_EQ(app_->Events().size(), 1u);
+    EXPECT_EQ(app_->Events()[0].code, 1001202011u);
     ExpectGone(collaboration.id);
 }
 

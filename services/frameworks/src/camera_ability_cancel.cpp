@@ -163,6 +163,16 @@ void CameraAbilityProcess::ProcessCtrlChannelShutDown(const std::string& key)
 {
     uint32_t collaborationId = ResolveCollaborationId(key);
     TNDR_SERVICE_LOGI("OnCtrlChannelShutDown");
+    // The session's name is "<id>-<serving device>", chosen by the requesting device. A session
+    // that a peer opened towards this device carries the peer's id, which may equal one of ours:
+    // only a name that also names our collaboration's peer is ours to end.
+    const size_t separator = key.find('-');
+    const std::string peerNetworkId = separator == std::string::npos ? std::string() : key.substr(separator + 1);
+    if (QueryCameraProcess(collaborationId, peerNetworkId) == nullptr) {
+        TNDR_SERVICE_LOGI("no collaboration of this device on the session, collaborationId = %{public}u",
+                          collaborationId);
+        return;
+    }
     ProcessPhotoEventCommand(CODE_LOCAL_CTRL_SHUTDOWN, collaborationId, MSG_ERRORCODE);
     DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
                           DFX::StageRes::FAILED, static_cast<int32_t>(CODE_LOCAL_CTRL_SHUTDOWN - DFX_ERROR_CODE_BASE),
