@@ -25,14 +25,27 @@ public:
     static void SleepFor(Duration duration);
     static void SleepUntil(TimePoint deadline);
 
+    // Counts the calling thread among the waiters while it lives (nested scopes count once).
+    // A single wait returns at the end of each short real slice, so a caller looping on its
+    // own condition holds one of these to stay counted between slices; the predicate forms do.
+    class WaiterScope {
+    public:
+        WaiterScope();
+        ~WaiterScope();
+        WaiterScope(const WaiterScope&) = delete;
+        WaiterScope& operator=(const WaiterScope&) = delete;
+    };
+
     // Waits on cv (lock held by the caller) until notified or until the clock reaches
-    // deadline. May return no_timeout spuriously, like the standard wait.
+    // deadline. May return no_timeout spuriously, like the standard wait (and does at the end
+    // of every slice of real time that did not reach the deadline).
     static std::cv_status WaitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
                                     TimePoint deadline);
     template <typename Predicate>
     static bool WaitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, TimePoint deadline,
                           Predicate predicate)
     {
+        WaiterScope waiter;
         while (!predicate()) {
             if (WaitUntil(cv, lock, deadline) == std::cv_status::timeout) {
                 return predicate();

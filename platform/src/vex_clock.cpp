@@ -76,35 +76,53 @@ ClockState& State()
     return *state;
 }
 
-// Counts the current thread among the waiters for its scope.
-class WaiterScope {
+// Thread-local nesting of WaiterScope, so that a thread counts once however deep it waits.
+thread_local size_t t_waiterDepth = 0;
+
+// Registers the condition variable a thread waits on, so that Advance can wake it.
+class CvRegistration {
 public:
-    WaiterScope(ClockState& state, std::condition_variable* cv) : state_(state), cv_(cv)
+    CvRegistration(ClockState& state, std::condition_variable& cv) : state_(state)
     {
         std::lock_guard<std::mutex> lock(state_.mutex);
-        ++state_.waiting;
-        if (cv_ != nullptr) {
-            it_ = state_.waiterCvs.emplace(cv_, 0);
-        }
-        state_.waitersChanged.notify_all();
+        it_ = state_.waiterCvs.emplace(&cv, 0);
     }
-    ~WaiterScope()
+    ~CvRegistration()
     {
         std::lock_guard<std::mutex> lock(state_.mutex);
-        --state_.waiting;
-        if (cv_ != nullptr) {
-            state_.waiterCvs.erase(it_);
-        }
-        state_.waitersChanged.notify_all();
+        state_.waiterCvs.erase(it_);
     }
+    CvRegistration(const CvRegistration&) = delete;
+    CvRegistration& operator=(const CvRegistration&) = delete;
 
 private:
     ClockState& state_;
-    std::condition_variable* cv_;
     std::unordered_multimap<std::condition_variable*, int>::iterator it_;
 };
 
 }  // namespace
+
+Clock::WaiterScope::WaiterScope()
+{
+    if (t_waiterDepth++ > 0) {
+        return;
+    }
+    ClockState& state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    ++state.waiting;
+    state.waitersChanged.notify_all();
+}
+
+Clock::WaiterScope::~WaiterScope()
+{
+    if (--t_waiterDepth > 0) {
+        return;
+    }
+    ClockState& state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    --state.waiting;
+    state.waitersChanged.notify_all();
+}
 
 Clock::TimePoint Clock::Now()
 {
@@ -121,7 +139,7 @@ void Clock::SleepFor(Duration duration)
 void Clock::SleepUntil(TimePoint deadline)
 {
     ClockState& state = State();
-    WaiterScope scope(state, nullptr);
+    WaiterScope scope;
     std::unique_lock<std::mutex> lock(state.mutex);
     for (;;) {
         TimePoint now = state.NowLocked();
@@ -141,7 +159,8 @@ void Clock::SleepUntil(TimePoint deadline)
 std::cv_status Clock::WaitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, TimePoint deadline)
 {
     ClockState& state = State();
-    WaiterScope scope(state, &cv);
+    WaiterScope scope;
+    CvRegistration registration(state, cv);
     RealClock::duration slice;
     {
         std::lock_guard<std::mutex> clockLock(state.mutex);
