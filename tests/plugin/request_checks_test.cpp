@@ -101,13 +101,6 @@ TEST_F(RequestChecksTest, SubscribesPublishesAndAppliesForCameraAndDisplayOfTheP
     EXPECT_EQ(meshline_->RequestCount(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT), 0u);
 }
 
-TEST_F(RequestChecksTest, CollaborationIdTextHasElevenDigits)
-{
-    EXPECT_EQ(CameraAbilityProcess::UIntToString(7), "00000000007");
-    EXPECT_EQ(CameraAbilityProcess::UIntToString(0), "00000000000");
-    EXPECT_EQ(CameraAbilityProcess::UIntToString(4294967295u), "04294967295");
-}
-
 }  // namespace
 }  // namespace RequestTesting
 }  // namespace Tandra
