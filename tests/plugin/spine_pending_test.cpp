@@ -93,16 +93,6 @@ TEST_F(SpinePendingTest, RefreshGrantsAWholeNewPeriodFromTheMomentItIsCalled)
     EXPECT_EQ(endedAt - begin, 19s);
 }
 
-TEST_F(SpinePendingTest, StopWakesARunningWait)
-{
-    Pending<int32_t> pending;
-    Waiter waiter = StartWaiting(pending, 180);
-    ASSERT_TRUE(Clock::AwaitWaiters(1));
-    Clock::Advance(179s);
-    pending.Stop();
-    EXPECT_EQ(waiter.Get().first, PENDING_STOPPED);
-}
-
 TEST_F(SpinePendingTest, WaitsAreKeyedByElevenDigitIdAndCode)
 {
     CameraAbilityProcess& process = *CameraAbilityProcess::GetInstance();
@@ -171,21 +161,6 @@ TEST_F(SpinePendingTest, TimedOutWaitForTheFirstAnswerReportsTheEndAndStaysRegis
     EXPECT_TRUE(reported);
     // Only an answer (or a cancel) removes the record.
     EXPECT_NE(process.EraseImagePending("0000000000801001201912"), nullptr);
-}
-
-TEST_F(SpinePendingTest, TimedOutPhotoWaitWritesNoStageEvent)
-{
-    CameraAbilityProcess& process = *CameraAbilityProcess::GetInstance();
-    Vex::SysEventCapture events;
-    auto done =
-        std::async(std::launch::async, [&process]() { return process.GetTimeoutWaitCode(9, CODE_LAST_PHOTO, 10); });
-    ASSERT_TRUE(Clock::AwaitWaiters(1));
-    Clock::Advance(10s);
-    ASSERT_EQ(done.wait_for(5s), std::future_status::ready);
-    EXPECT_EQ(done.get(), PENDING_TIMEOUT);
-    for (const auto& record : events.Records()) {
-        EXPECT_NE(record.func, "GetTimeoutWaitCode");
-    }
 }
 
 TEST(SpineErrorCodeTest, MapsEveryKnownCodeWhateverTheStatusAndOthersByStatus)

@@ -82,16 +82,6 @@ TEST(SpineStateTest, UpdateRemoteStateKnowsOnlyTheReducedTable)
     }
 }
 
-TEST(SpineStateTest, ProcessStateStartsWaitingWithWhatItWasGiven)
-{
-    CameraProcessState state(77, "PEERNETWORKID0001", nullptr);
-    EXPECT_EQ(state.GetCollaborationId(), 77u);
-    EXPECT_EQ(state.GetNetworId(), "PEERNETWORKID0001");
-    EXPECT_EQ(state.GetStatus(), W);
-    EXPECT_EQ(state.GetRemoteObject(), nullptr);
-    EXPECT_EQ(state.GetDeathRecipientObject(), nullptr);
-}
-
 TEST(SpineStateTest, CameraStatusChangesOnlyAlongItsRules)
 {
     struct Case {
@@ -115,24 +105,6 @@ TEST(SpineStateTest, CameraStatusChangesOnlyAlongItsRules)
         EXPECT_EQ(found, c.from);
         EXPECT_EQ(context.GetCameraStatus(), c.changed ? c.to : c.from);
     }
-}
-
-TEST(SpineStateTest, PutPhotoContextStartsRunningWithAnUnsettledChannel)
-{
-    PutPhotoContext context(12);
-    EXPECT_EQ(context.GetCollaborationSessionId(), 12);
-    EXPECT_EQ(context.GetCameraStatus(), PutPhotoContext::CAMERA_RUNNING);
-    EXPECT_FALSE(context.IsCameraAlive());
-    const auto [status, code] = context.GetTransmitChanelStatus();
-    EXPECT_NE(status, PutPhotoContext::CHANNEL_OPENED);
-    EXPECT_NE(status, PutPhotoContext::CHANNEL_FAILED);
-    EXPECT_NE(status, PutPhotoContext::CHANNEL_CANCELLED);
-    context.ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_FAILED, 461440990);
-    EXPECT_EQ(context.GetTransmitChanelStatus(), std::make_pair(PutPhotoContext::CHANNEL_FAILED, 461440990));
-    context.SetPid(100);
-    context.SetUid(200);
-    EXPECT_EQ(context.GetPid(), 100);
-    EXPECT_EQ(context.GetUid(), 200);
 }
 
 TEST(SpineStateTest, HeaderIsTheTwoWordsLittleEndian)
