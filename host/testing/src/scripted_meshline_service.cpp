@@ -482,7 +482,7 @@ CallbackReply ScriptedMeshlineService::CallRaw(const sptr<IRemoteObject>& callba
     MessageParcel reply;
     MessageOption option;
     {
-        // Callbacks come from the service's process, whoever triggers them in the test.
+        // Callbacks come from the service's process, whichever thread triggers them.
         Vex::ScopedIdentity asService(GetOwnerPid(), GetOwnerUid());
         answer.status = callback->SendRequest(code, data, reply, option);
     }

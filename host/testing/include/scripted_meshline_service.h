@@ -1,7 +1,7 @@
-// ScriptedMeshlineService: a stand-in for the framework's system service (system ability
-// 70633, "quex.ITandra.ITandraService") that serves the Meshline operations (request code 501,
-// operations 1 to 16) in tests. It decodes every request from the wire layouts alone, sharing
-// no code with the client, so a disagreement between the two sides shows up in a test; records
+// ScriptedMeshlineService: the host's scripted backend of the connection-manager service
+// (system ability 70633, "quex.ITandra.ITandraService"), serving the Meshline operations
+// (request code 501, operations 1 to 16). It decodes every request from the wire layouts alone,
+// sharing no code with the client, so a disagreement between the two sides shows up; records
 // each request as plain values; answers with scripted results; and calls recorded callback
 // objects back ("quex.ITandra.ITandraCallback", code 501, sub-services 502 to 506).
 //
@@ -9,7 +9,7 @@
 // threads at once. Scripted actions (OnRequest, AnswerApplyResource) run on the service's own
 // thread, after the request that triggered them has been answered.
 //
-// Typical use in a plugin test:
+// Typical use in a component test:
 //   auto service = ScriptedMeshlineService::Create(kServicePid, kServiceUid);
 //   service->Register();
 //   service->AnswerApplyResource(320001);             // grant every resource application
@@ -204,7 +204,7 @@ public:
     CallbackReply CallApplyResult(const sptr<IRemoteObject>& callback, const std::string& first,
                                   const std::string& second, const std::string& third, int32_t value,
                                   int32_t serviceResult);
-    // Sends a parcel built by the test (see WriteCallbackHeader) with any request code.
+    // Sends a parcel built by the caller (see WriteCallbackHeader) with any request code.
     CallbackReply CallRaw(const sptr<IRemoteObject>& callback, uint32_t code, MessageParcel& data);
     // The callback token and the five Uint32 of a callback header.
     static void WriteCallbackHeader(MessageParcel& data, uint32_t serviceType, uint32_t subServiceType,
