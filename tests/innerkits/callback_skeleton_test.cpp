@@ -1,38 +1,22 @@
-// The callback stub: the token check, the Meshline events as the scripted service sends them,
-// photo data at its size limit, and the other request codes.
+// The callback stub, called by the scripted service: the token check, the Meshline events, photo
+// data at its size limit, and the collaboration events.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 
 #include "innerkits_test_util.h"
 #include "ipc_result_codes.h"
-#include "vex_log.h"
 
 namespace QUEX::Tandra::Testing {
 namespace {
 
-class CallbackSkeletonTest : public InnerkitsTest {
-protected:
-    void SetUp() override
-    {
-        InnerkitsTest::SetUp();
-        StartService();
-        callback_ = new RecordingCallback();
-    }
-
-    sptr<RecordingCallback> callback_;
-};
+using CallbackSkeletonTest = InnerkitsTest;
 
 TEST_F(CallbackSkeletonTest, WrongTokenIsRefusedBeforeAnyFieldIsRead)
 {
-    const std::u16string tokens[] = {
-        u"quex.ITandra.ITandraService",
-        u"quex.ITandra.ITandraCallbac",
-        u"quex.ITandra.ITandraCallbackX",
-        u"",
-    };
-    for (const auto& token : tokens) {
+    sptr<RecordingCallback> callback = new RecordingCallback();
+    for (const char16_t* token :
+         {u"quex.ITandra.ITandraService", u"quex.ITandra.ITandraCallbac", u"quex.ITandra.ITandraCallbackX", u""}) {
         MessageParcel data;
         data.WriteInterfaceToken(token);
         size_t afterToken = data.GetDataSize();
@@ -40,234 +24,117 @@ TEST_F(CallbackSkeletonTest, WrongTokenIsRefusedBeforeAnyFieldIsRead)
         data.WriteUint32(DISCONNECTED_EVENT);
         MessageParcel reply;
         MessageOption option;
-        EXPECT_EQ(callback_->OnRemoteRequest(501, data, reply, option), IpcResult::WRONG_INTERFACE_TOKEN);
+        EXPECT_EQ(callback->OnRemoteRequest(501, data, reply, option), IpcResult::WRONG_INTERFACE_TOKEN);
         EXPECT_EQ(data.GetReadPosition(), afterToken);
         EXPECT_EQ(reply.GetDataSize(), 0u);
     }
-    EXPECT_TRUE(callback_->Calls().empty());
+    EXPECT_TRUE(callback->Calls().empty());
 }
 
-TEST_F(CallbackSkeletonTest, ApplyResultMapsTheServiceResult)
+// Photo data (code 101, service type 102, sub-service 105) up to 128 MiB is handed over; one
+// byte more is refused before it is read, as is data the parcel does not hold.
+TEST_F(CallbackSkeletonTest, PhotoDataUpToTheLimit)
 {
-    const std::pair<int32_t, int32_t> mappings[] = {{320001, 1004720001}, {320003, 1004720002}, {320002, 0}, {0, 0}};
-    callback_->SetResult(31);
-    for (const auto& [serviceResult, resultCode] : mappings) {
-        CallbackReply reply = service_->CallApplyResult(callback_, "net", "Tandra", "why", 6, serviceResult);
-        EXPECT_EQ(reply.status, 31);
-        EXPECT_TRUE(reply.replied);
-        EXPECT_EQ(reply.value, 31);
-        EXPECT_EQ(callback_->Calls().back(), "ApplyResult net|Tandra|why|6|" + std::to_string(resultCode));
-    }
-}
-
-TEST_F(CallbackSkeletonTest, DisconnectedAlwaysRepliesZero)
-{
-    callback_->SetResult(99);
-    CallbackReply reply = service_->CallDisconnected(callback_, "first", "net", "disconnect", 4);
-    EXPECT_EQ(reply.status, 0);
-    EXPECT_TRUE(reply.replied);
-    EXPECT_EQ(reply.value, 0);
-    EXPECT_EQ(callback_->Calls(),
-              (std::vector<std::string>{"OnDisconnected first|4", "OnDisconnected net|disconnect"}));
-}
-
-TEST_F(CallbackSkeletonTest, OtherMeshlineEventsReachTheirOperation)
-{
-    callback_->SetResult(5);
-    EXPECT_EQ(service_->CallDisconnectDevice(callback_, "dev", 8).value, 5);
-    EXPECT_EQ(service_->CallServiceStateChanged(callback_, "a", "Tandra", "c", 1, 2).value, 5);
-    ServiceStateValues present{true, "peer", 3, 1};
-    ServiceStateValues absent;
-    EXPECT_EQ(service_->CallStateNotify(callback_, 2, {10, 11}, {present, absent, present}).value, 5);
-    EXPECT_EQ(callback_->Calls(),
-              (std::vector<std::string>{"DisconnectDevice dev 8", "OnServiceStateChanged a|Tandra|c|1|2",
-                                        "StateNotify 2 id10 id11 peer:3:1 peer:3:1"}));
-}
-
-TEST_F(CallbackSkeletonTest, UnreadableOrUnknownMeshlineEventsLeaveTheReplyEmpty)
-{
-    struct Case {
-        const char* name;
-        uint32_t event;
-        std::function<void(MessageParcel&)> arguments;
-        int32_t status;
-    };
-    const Case cases[] = {
-        {"UnknownEvent", 507, [](MessageParcel&) {}, IpcResult::UNKNOWN_CODE},
-        {"StateCountTooLarge", STATE_NOTIFY_EVENT,
-         [](MessageParcel& data) {
-             data.WriteInt32(1);
-             data.WriteUInt32Vector({});
-             data.WriteUint32(2);
-             data.WriteInt32(0);
-         },
-         IpcResult::INVALID_PARAM},
-        {"StateIdsMissing", STATE_NOTIFY_EVENT, [](MessageParcel& data) { data.WriteInt32(1); },
-         IpcResult::INVALID_PARAM},
-    };
-    for (const Case& c : cases) {
+    ASSERT_EQ(CallbackSkeleton::MAX_PHOTO_DATA_LENGTH, 134217728u);
+    ScriptedMeshlineService& service = StartService();
+    sptr<RecordingCallback> callback = new RecordingCallback();
+    callback->SetResult(17);
+    const std::tuple<uint32_t, bool, bool> cases[] = {
+        {134217728, true, true}, {134217729, true, false}, {16, false, false}};
+    for (const auto& [length, held, accepted] : cases) {
         MessageParcel data;
-        ScriptedMeshlineService::WriteCallbackHeader(data, 501, c.event);
-        c.arguments(data);
-        CallbackReply reply = service_->CallRaw(callback_, 501, data);
-        EXPECT_EQ(reply.status, c.status) << c.name;
-        EXPECT_FALSE(reply.replied) << c.name;
+        ScriptedMeshlineService::WriteCallbackHeader(data, 102, 105);
+        data.WriteUint32(1001201918);
+        data.WriteUint32(2);
+        data.WriteUint32(length);
+        if (held) {
+            // Out of line and untouched apart from its ends: the sender's buffer costs no memory.
+            std::unique_ptr<uint8_t[]> photo(new uint8_t[length]);
+            photo[0] = 'F';
+            photo[length - 1] = 'L';
+            ASSERT_TRUE(data.WriteRawData(std::move(photo), length));
+        }
+        CallbackReply reply = service.CallRaw(callback, 101, data);
+        int32_t expected = accepted ? 17 : IpcResult::PHOTO_DATA_INVALID;
+        EXPECT_EQ(std::tie(reply.status, reply.value), std::tie(expected, expected)) << length;
     }
-    EXPECT_TRUE(callback_->Calls().empty());
+    EXPECT_EQ(callback->Calls(), std::vector<std::string>{"Data 1001201918|2|134217728|F|L"});
 }
 
-// Photo data: code 101, service type 102, sub-service 105.
-void WritePhotoHeader(MessageParcel& data, uint32_t length)
+struct CodeCase {
+    uint32_t code;
+    std::function<void(MessageParcel&)> write;
+    int32_t status;  // the callback answers 8
+    bool replied;
+    std::vector<std::string> calls;  // what the callback heard
+};
+
+// The callback token and header of a call.
+void Header(MessageParcel& data, uint32_t serviceType, uint32_t subServiceType)
 {
-    ScriptedMeshlineService::WriteCallbackHeader(data, 102, 105);
-    data.WriteUint32(1001201918);
-    data.WriteUint32(2);
-    data.WriteUint32(length);
+    ScriptedMeshlineService::WriteCallbackHeader(data, serviceType, subServiceType);
 }
 
-TEST_F(CallbackSkeletonTest, PhotoDataOfTheLimitIsHandedOver)
+// The shape of most Meshline events: header, strings, Int32s.
+void Meshline(MessageParcel& data, uint32_t event, std::initializer_list<const char*> strings,
+              std::initializer_list<int32_t> values)
 {
-    constexpr uint32_t length = CallbackSkeleton::MAX_PHOTO_DATA_LENGTH;
-    ASSERT_EQ(length, 134217728u);
-    // Out of line and untouched apart from its ends: the sender's buffer costs no memory.
-    std::unique_ptr<uint8_t[]> photo(new uint8_t[length]);
-    photo[0] = 'F';
-    photo[length - 1] = 'L';
-    MessageParcel data;
-    WritePhotoHeader(data, length);
-    ASSERT_TRUE(data.WriteRawData(std::move(photo), length));
-
-    callback_->SetResult(17);
-    CallbackReply reply = service_->CallRaw(callback_, 101, data);
-    EXPECT_EQ(reply.status, 17);
-    EXPECT_EQ(reply.value, 17);
-    auto calls = callback_->DataCalls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].code, 1001201918u);
-    EXPECT_EQ(calls[0].type, 2u);
-    EXPECT_EQ(calls[0].length, length);
-    EXPECT_EQ(calls[0].first, 'F');
-    EXPECT_EQ(calls[0].last, 'L');
+    Header(data, 501, event);
+    for (const char* text : strings) {
+        data.WriteString(text);
+    }
+    for (int32_t value : values) {
+        data.WriteInt32(value);
+    }
 }
 
-// Both refusals answer 22; only the line tells which check refused.
-TEST_F(CallbackSkeletonTest, PhotoDataAboveTheLimitOrMissingIsRefused)
+// Meshline events (501), collaboration events and other photo sub-services (101), an unknown code.
+// clang-format off
+const CodeCase CODE_CASES[] = {
+    {501, [](MessageParcel& d) { Header(d, 501, 502); d.WriteString("dev"); d.WriteUint32(8); }, 8, true,
+     {"DisconnectDevice dev|8"}},
+    // State notices whose lists the parcel cannot hold are refused.
+    {501, [](MessageParcel& d) { Header(d, 501, 503); d.WriteInt32(1); d.WriteUInt32Vector({}); d.WriteUint32(2);
+                                 d.WriteInt32(0); }, IpcResult::INVALID_PARAM, false, {}},
+    {501, [](MessageParcel& d) { Header(d, 501, 503); d.WriteInt32(1); }, IpcResult::INVALID_PARAM, false, {}},
+    {501, [](MessageParcel& d) { Meshline(d, 504, {"a", "Tandra", "c"}, {1, 2}); }, 8, true,
+     {"OnServiceStateChanged a|Tandra|c|1|2"}},
+    // 505 calls both disconnect operations and always replies 0.
+    {501, [](MessageParcel& d) { Meshline(d, 505, {"first", "net", "disconnect"}, {4}); }, 0, true,
+     {"OnDisconnected first|4", "OnDisconnected net|disconnect"}},
+    // 506 hands on the plugin's code for the service's result (only 320001 and 320003 have one).
+    {501, [](MessageParcel& d) { Meshline(d, 506, {"net", "Tandra", "why"}, {6, 320001}); }, 8, true,
+     {"ApplyResult net|Tandra|why|6|1004720001"}},
+    {501, [](MessageParcel& d) { Meshline(d, 506, {"net", "Tandra", "why"}, {6, 320003}); }, 8, true,
+     {"ApplyResult net|Tandra|why|6|1004720002"}},
+    {501, [](MessageParcel& d) { Meshline(d, 506, {"net", "Tandra", "why"}, {6, 320002}); }, 8, true,
+     {"ApplyResult net|Tandra|why|6|0"}},
+    {501, [](MessageParcel& d) { Meshline(d, 506, {"net", "Tandra", "why"}, {6, 0}); }, 8, true,
+     {"ApplyResult net|Tandra|why|6|0"}},
+    {501, [](MessageParcel& d) { Meshline(d, 507, {}, {}); }, IpcResult::UNKNOWN_CODE, false, {}},
+    {101, [](MessageParcel& d) { Header(d, 101, 104); d.WriteUint32(1001202003); d.WriteUint32(12);
+                                 d.WriteString("text"); }, 8, true, {"Event 1001202003|12|text"}},
+    {101, [](MessageParcel& d) { Header(d, 101, 105); }, 0, false, {}},
+    {101, [](MessageParcel& d) { Header(d, 102, 106); }, 0, false, {}},
+    {701, [](MessageParcel& d) { Header(d, 0, 0); }, Vex::ERR_UNKNOWN_TRANSACTION, false, {}},
+};
+// clang-format on
+
+TEST_F(CallbackSkeletonTest, EachCodeReachesItsOperation)
 {
-    struct Case {
-        uint32_t length;
-        const char* line;
-    };
-    const Case cases[] = {
-        {134217729, "new buffer failed of length = 134217729"},
-        {16, "PHOTO SIZE is too large, length = 16."},
-    };
-    for (const Case& c : cases) {
+    ScriptedMeshlineService& service = StartService();
+    for (size_t i = 0; i < std::size(CODE_CASES); ++i) {
+        const CodeCase& c = CODE_CASES[i];
+        sptr<RecordingCallback> callback = new RecordingCallback();
+        callback->SetResult(8);
         MessageParcel data;
-        WritePhotoHeader(data, c.length);
-        LogCapture log;
-        CallbackReply reply = service_->CallRaw(callback_, 101, data);
-        EXPECT_EQ(reply.status, IpcResult::PHOTO_DATA_INVALID) << c.line;
-        EXPECT_EQ(reply.value, IpcResult::PHOTO_DATA_INVALID) << c.line;
-        EXPECT_TRUE(log.Contains(c.line)) << c.line;
+        c.write(data);
+        CallbackReply reply = service.CallRaw(callback, c.code, data);
+        int32_t value = c.replied ? c.status : 0;
+        EXPECT_EQ(std::tie(reply.status, reply.replied, reply.value), std::tie(c.status, c.replied, value))
+            << "row " << i;
+        EXPECT_EQ(callback->Calls(), c.calls) << "row " << i;
     }
-    EXPECT_TRUE(callback_->DataCalls().empty());
-}
-
-TEST_F(CallbackSkeletonTest, CollaborationEventsAndAbilityCalls)
-{
-    callback_->SetResult(8);
-    struct Case {
-        const char* name;
-        uint32_t serviceType;
-        uint32_t subServiceType;
-        std::function<void(MessageParcel&)> arguments;
-        int32_t status;
-        bool replied;
-    };
-    const Case cases[] = {
-        {"Event", 101, 104,
-         [](MessageParcel& data) {
-             data.WriteUint32(1001202003);
-             data.WriteUint32(12);
-             data.WriteString("text");
-         },
-         8, true},
-        {"EventSubService105IsNoEvent", 101, 105, [](MessageParcel&) {}, 0, false},
-        {"AbilityState", 103, 1, [](MessageParcel& data) { data.WriteInt32(3); }, 0, true},
-        {"AbilityData", 103, 3,
-         [](MessageParcel& data) {
-             data.WriteInt32(4);
-             data.WriteUint32(3);
-             data.WriteBuffer("abc", 3);
-         },
-         0, true},
-        {"OtherPhotoSubService", 102, 106, [](MessageParcel&) {}, 0, false},
-    };
-    for (const Case& c : cases) {
-        MessageParcel data;
-        ScriptedMeshlineService::WriteCallbackHeader(data, c.serviceType, c.subServiceType);
-        c.arguments(data);
-        CallbackReply reply = service_->CallRaw(callback_, 101, data);
-        EXPECT_EQ(reply.status, c.status) << c.name;
-        EXPECT_EQ(reply.replied, c.replied) << c.name;
-    }
-    auto events = callback_->Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].code, 1001202003u);
-    EXPECT_EQ(events[0].eventId, 12u);
-    EXPECT_EQ(events[0].data, "text");
-    EXPECT_EQ(callback_->Calls(), (std::vector<std::string>{"AbilityState 3", "AbilityData 4 abc"}));
-}
-
-TEST_F(CallbackSkeletonTest, SurfaceTransferEvents)
-{
-    callback_->SetResult(6);
-    struct Case {
-        uint32_t subServiceType;
-        std::function<void(MessageParcel&)> arguments;
-        int32_t status;
-    };
-    const Case cases[] = {
-        {40001, [](MessageParcel& data) { data.WriteString("one"); }, 6},
-        {40002, [](MessageParcel& data) { data.WriteString("two"); }, 6},
-        {10001,
-         [](MessageParcel& data) {
-             data.WriteUint32(77);
-             data.WriteString("three");
-         },
-         6},
-        {10002, [](MessageParcel&) {}, IpcResult::UNKNOWN_CODE},
-    };
-    for (const Case& c : cases) {
-        MessageParcel data;
-        ScriptedMeshlineService::WriteCallbackHeader(data, 601, c.subServiceType);
-        c.arguments(data);
-        EXPECT_EQ(service_->CallRaw(callback_, 601, data).status, c.status) << c.subServiceType;
-    }
-    auto events = callback_->Events();
-    ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[0].code, 0u);
-    EXPECT_EQ(events[0].eventId, 40001u);
-    EXPECT_EQ(events[0].data, "one");
-    EXPECT_EQ(events[1].eventId, 40002u);
-    EXPECT_EQ(events[2].code, 77u);
-    EXPECT_EQ(events[2].eventId, 10001u);
-    EXPECT_EQ(events[2].data, "three");
-}
-
-TEST_F(CallbackSkeletonTest, SubCodeOnlyAndUnknownCodes)
-{
-    for (uint32_t code : {1u, 201u, 301u, 401u}) {
-        MessageParcel data;
-        data.WriteInterfaceToken(ITandraCallback::GetDescriptor());
-        data.WriteUint32(3);
-        CallbackReply reply = service_->CallRaw(callback_, code, data);
-        EXPECT_EQ(reply.status, 0) << code;
-        EXPECT_FALSE(reply.replied) << code;
-    }
-    MessageParcel data;
-    data.WriteInterfaceToken(ITandraCallback::GetDescriptor());
-    EXPECT_EQ(service_->CallRaw(callback_, 701, data).status, Vex::ERR_UNKNOWN_TRANSACTION);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Shared pieces of the innerkits tests: a system ability manager that counts lookups, a
-// callback that records every event it is given, and a fixture that gives each test a fresh
-// manager and a cold proxy cache.
+// callback that records every call it is given as a line of text, and a fixture that gives each
+// test a fresh manager and a cold proxy cache.
 // Thread-safety: RecordingCallback and CountingSystemAbilityManager may be used from any
 // thread (death notices arrive on the platform's own thread).
 #pragma once
@@ -8,10 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,14 +22,10 @@
 
 namespace QUEX::Tandra::Testing {
 
-using Vex::ISystemAbilityManager;
-using Vex::SystemAbilityManager;
 using Vex::SystemAbilityManagerClient;
 
-class CountingSystemAbilityManager : public ISystemAbilityManager {
+class CountingSystemAbilityManager : public Vex::ISystemAbilityManager {
 public:
-    explicit CountingSystemAbilityManager(sptr<ISystemAbilityManager> inner) : inner_(std::move(inner)) {}
-
     sptr<IRemoteObject> GetSystemAbility(int32_t id) override
     {
         ++lookups_;
@@ -47,96 +41,57 @@ public:
         return inner_->AddSystemAbility(id, ability);
     }
     int32_t RemoveSystemAbility(int32_t id) override { return inner_->RemoveSystemAbility(id); }
-
     int Lookups() const { return lookups_.load(); }
 
 private:
-    sptr<ISystemAbilityManager> inner_;
+    sptr<Vex::SystemAbilityManager> inner_ = new Vex::SystemAbilityManager();
     std::atomic<int> lookups_{0};
 };
 
-// Records every event; the results it returns can be chosen.
+// "a|b|c": the arguments of one call, in order.
+template <typename... T>
+std::string Join(const T&... parts)
+{
+    std::ostringstream out;
+    const char* separator = "";
+    ((out << separator << parts, separator = "|"), ...);
+    return out.str();
+}
+
+// Records every call as "<Operation> <arguments>"; every call answers the chosen result. A death
+// notice has reached it once ProcessRegistry::WaitForDeathNotices returns.
 class RecordingCallback : public CallbackSkeleton {
 public:
-    struct Event {
-        uint32_t code;
-        uint32_t eventId;
-        std::string data;
-    };
-    struct Data {
-        uint32_t code;
-        uint32_t type;
-        uint32_t length;
-        char first;
-        char last;
-    };
-
     int32_t OnEvent(uint32_t code, uint32_t eventId, std::string& data) override
     {
-        Record([&] { events_.push_back({code, eventId, data}); });
-        return result_;
+        return Record("Event " + Join(code, eventId, data));
     }
     int32_t OnDataCallback(uint32_t code, uint32_t type, uint32_t length, std::unique_ptr<char[]> bytes) override
     {
-        char first = length > 0 ? bytes[0] : 0;
-        char last = length > 0 ? bytes[length - 1] : 0;
-        Record([&] { data_.push_back({code, type, length, first, last}); });
-        return result_;
+        return Record("Data " +
+                      Join(code, type, length, length > 0 ? bytes[0] : '-', length > 0 ? bytes[length - 1] : '-'));
     }
     int32_t DisconnectDevice(std::string deviceId, uint32_t serviceType) override
     {
-        Record([&] { calls_.push_back("DisconnectDevice " + deviceId + " " + std::to_string(serviceType)); });
-        return result_;
-    }
-    int32_t StateNotify(int32_t state, std::vector<uint32_t> ids, std::vector<sptr<ServiceStateInfo>> infos) override
-    {
-        std::string text = "StateNotify " + std::to_string(state);
-        for (uint32_t id : ids) {
-            text += " id" + std::to_string(id);
-        }
-        for (const auto& info : infos) {
-            text += " " + info->GetDeviceId() + ":" + std::to_string(info->GetLinkType()) + ":" +
-                    std::to_string(info->GetConnectState());
-        }
-        Record([&] { calls_.push_back(text); });
-        return result_;
+        return Record("DisconnectDevice " + Join(deviceId, serviceType));
     }
     int32_t OnServiceStateChanged(std::string first, std::string second, std::string third, int32_t state,
                                   int32_t value) override
     {
-        Record([&] {
-            calls_.push_back("OnServiceStateChanged " + first + "|" + second + "|" + third + "|" +
-                             std::to_string(state) + "|" + std::to_string(value));
-        });
-        return result_;
+        return Record("OnServiceStateChanged " + Join(first, second, third, state, value));
     }
     int32_t OnDisconnected(std::string first, int32_t value) override
     {
-        Record([&] { calls_.push_back("OnDisconnected " + first + "|" + std::to_string(value)); });
-        return result_;
+        return Record("OnDisconnected " + Join(first, value));
     }
     int32_t OnDisconnected(std::string second, std::string third) override
     {
-        Record([&] { calls_.push_back("OnDisconnected " + second + "|" + third); });
-        return result_;
+        return Record("OnDisconnected " + Join(second, third));
     }
     int32_t ApplyResult(std::string first, std::string second, std::string third, int32_t value,
                         int32_t resultCode) override
     {
-        Record([&] {
-            calls_.push_back("ApplyResult " + first + "|" + second + "|" + third + "|" + std::to_string(value) + "|" +
-                             std::to_string(resultCode));
-        });
-        return result_;
-    }
-    void OnCollaborationAbilityState(int32_t state) override
-    {
-        Record([&] { calls_.push_back("AbilityState " + std::to_string(state)); });
-    }
-    void OnCollaborationAbilityData(int32_t type, const uint8_t* buffer, uint32_t length) override
-    {
-        std::string bytes(reinterpret_cast<const char*>(buffer), length);
-        Record([&] { calls_.push_back("AbilityData " + std::to_string(type) + " " + bytes); });
+        return Record("ApplyResult " + Join(first, second, third, value, resultCode));
     }
 
     std::vector<std::string> Calls()
@@ -144,41 +99,18 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return calls_;
     }
-    std::vector<Event> Events()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
-    std::vector<Data> DataCalls()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return data_;
-    }
-    // Waits (real time) until count events arrived.
-    bool WaitForEvents(size_t count, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000))
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
-    }
-
-    // What every event answers.
     void SetResult(int32_t result) { result_ = result; }
 
 private:
-    void Record(const std::function<void()>& append)
+    int32_t Record(std::string call)
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            append();
-        }
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(mutex_);
+        calls_.push_back(std::move(call));
+        return result_;
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<std::string> calls_;
-    std::vector<Event> events_;
-    std::vector<Data> data_;
     std::atomic<int32_t> result_{0};
 };
 
@@ -191,7 +123,7 @@ class InnerkitsTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        saManager_ = new CountingSystemAbilityManager(new SystemAbilityManager());
+        saManager_ = new CountingSystemAbilityManager();
         SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(saManager_);
         TandraProxy::DestoryInstance();
     }

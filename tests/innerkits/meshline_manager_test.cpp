@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <tuple>
 
 #include "innerkits_test_util.h"
 #include "ipc_result_codes.h"
-#include "vex_log.h"
 
 namespace QUEX::Tandra::Testing {
 namespace {
@@ -17,14 +17,7 @@ MeshlineManager& Manager()
     return MeshlineManager::GetInstance();
 }
 
-// The callback handed to the operations that carry one; made lazily, after the fixture.
-sptr<CallbackSkeleton>& Callback()
-{
-    static sptr<CallbackSkeleton> callback;
-    return callback;
-}
-
-sptr<ResourceRequest> CameraResourceRequest()
+sptr<ResourceRequest> CameraRequest()
 {
     sptr<ResourceRequest> request = new ResourceRequest();
     sptr<CommunicationRequest> communication = new CommunicationRequest(0x1400000, 19000, 2000, 10, 0x8000000);
@@ -41,404 +34,185 @@ int32_t CheckConflictFor(const std::string& deviceId)
     return Manager().CheckConflict(deviceId, 7, 2, tasks);
 }
 
-struct Refusal {
-    const char* line;
-    std::function<int32_t()> call;
-};
+// "<operation>: <arguments>" as the service decoded them: strings, Uint32s, Int32s, records,
+// then the callback object.
+std::string Sent(const RecordedRequest& request, const sptr<CallbackSkeleton>& callback)
+{
+    std::string text = std::to_string(request.operation) + ":";
+    for (const auto& value : request.strings) {
+        text += " " + value;
+    }
+    for (int64_t value : request.uints) {
+        text += " " + std::to_string(value);
+    }
+    for (int64_t value : request.ints) {
+        text += " " + std::to_string(value);
+    }
+    const ServiceStateValues& state = request.serviceState;
+    if (state.present) {
+        text += " state " + Join(state.deviceId, state.linkType, state.connectState);
+    }
+    const ResourceRequestValues& resource = request.resource;
+    for (const auto* list : {&resource.remote, &resource.local}) {
+        text += resource.present ? (list == &resource.remote ? " remote" : " local") : "";
+        for (const HardwareValues& hardware : *list) {
+            text += hardware.present ? " " + std::to_string(hardware.type) + (hardware.canShare ? "+" : "-") : " null";
+        }
+    }
+    const CommunicationValues& c = resource.communication;
+    if (c.present) {
+        text += " comm " + Join(c.minBandwidth, c.maxLatency, c.minLatency, c.maxWaitTime, c.maxBuffer, c.maxIdleTime,
+                                c.firstPackage, c.transReliability, c.dataType);
+    }
+    if (request.callback != nullptr) {
+        text += request.callback == callback->AsObject() ? " callback" : " another object";
+    }
+    return text;
+}
+
+// An operation called with the given callback where it takes one.
+using Call = std::function<int32_t(const sptr<CallbackSkeleton>& callback)>;
 
 struct OperationCase {
     const char* name;
-    uint32_t operation;
-    std::function<int32_t()> call;  // with arguments that pass the checks
-    std::vector<Refusal> refusals;
-    int32_t refusedResult;
-    int32_t noServiceResult;
-    std::vector<std::string> strings;  // what the service must decode
-    std::vector<uint32_t> uints;
-    std::vector<int32_t> ints;
-    bool carriesCallback;
+    Call call;  // with arguments that pass the checks
+    std::vector<Call> refusals;
+    std::string sent;  // "<operation>: <arguments>", see Sent
+    int32_t refusedResult = IpcResult::INVALID_PARAM;
+    int32_t noServiceResult = IpcResult::SERVICE_DEAD;
 };
 
-const std::vector<OperationCase>& Cases()
-{
-    static const std::vector<OperationCase> cases = {
-        {"RegisterDeviceStateManagerCallback",
-         REGISTER_DEVICE_STATE_MANAGER_CALLBACK,
-         [] { return Manager().RegisterDeviceStateManagerCallback("dev", 7, Callback()); },
-         {{"callback is null", [] { return Manager().RegisterDeviceStateManagerCallback("dev", 7, nullptr); }}},
-         1001,
-         1012,
-         {"dev"},
-         {7},
-         {},
-         true},
-        {"UnRegisterDeviceStateManagerCallback",
-         UNREGISTER_DEVICE_STATE_MANAGER_CALLBACK,
-         [] { return Manager().UnRegisterDeviceStateManagerCallback("dev", 7); },
-         {{"deviceId is 1.", [] { return Manager().UnRegisterDeviceStateManagerCallback("", 7); }}},
-         1001,
-         1012,
-         {"dev"},
-         {7},
-         {},
-         false},
-        {"NotifyDeviceConnectState",
-         NOTIFY_DEVICE_CONNECT_STATE,
-         [] { return Manager().NotifyDeviceConnectState("dev", 7, new ServiceStateInfo("dev", 2, 3)); },
-         {{"deviceId is 1 or serviceStateInfo is 0.",
-           [] { return Manager().NotifyDeviceConnectState("", 7, new ServiceStateInfo("dev", 2, 3)); }},
-          {"deviceId is 0 or serviceStateInfo is 1.",
-           [] { return Manager().NotifyDeviceConnectState("dev", 7, nullptr); }}},
-         1001,
-         1012,
-         {"dev"},
-         {7},
-         {},
-         false},
-        {"CheckConflict",
-         CHECK_CONFLICT,
-         [] { return CheckConflictFor("dev"); },
-         {{"deviceId is 1.", [] { return CheckConflictFor(""); }}},
-         1001,
-         1012,
-         {"dev"},
-         {7, 2},
-         {},
-         false},
-        {"DisconnectCurrentDevice",
-         DISCONNECT_CURRENT_DEVICE,
-         [] { return Manager().DisconnectCurrentDevice("dev", 7, 2); },
-         {{"deviceId is 1.", [] { return Manager().DisconnectCurrentDevice("", 7, 2); }}},
-         1001,
-         1012,
-         {"dev"},
-         {7, 2},
-         {},
-         false},
-        {"RegisterDeviceStateSubscriber",
-         REGISTER_DEVICE_STATE_SUBSCRIBER,
-         [] { return Manager().RegisterDeviceStateSubscriber(Callback()); },
-         {{"callback is null", [] { return Manager().RegisterDeviceStateSubscriber(nullptr); }}},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         true},
-        {"UnRegisterDeviceStateSubscriber",
-         UNREGISTER_DEVICE_STATE_SUBSCRIBER,
-         [] { return Manager().UnRegisterDeviceStateSubscriber(); },
-         {},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         false},
-        {"SubscribeServiceState",
-         SUBSCRIBE_SERVICE_STATE,
-         [] { return Manager().SubscribeServiceState(Callback()); },
-         {{"callback is null or eventName is empty.", [] { return Manager().SubscribeServiceState(nullptr); }}},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         true},
-        {"UnSubscribeServiceState",
-         UNSUBSCRIBE_SERVICE_STATE,
-         [] { return Manager().UnSubscribeServiceState(); },
-         {},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         false},
-        {"SubscribeNotifyDisconnect",
-         SUBSCRIBE_NOTIFY_DISCONNECT,
-         [] { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "disconnect", Callback()); },
-         {{"callback is null or param is empty.",
-           [] { return Manager().SubscribeNotifyDisconnect("", "Tandra", "disconnect", Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().SubscribeNotifyDisconnect("net", "", "disconnect", Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "", Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "disconnect", nullptr); }}},
-         1001,
-         1012,
-         {"net", "Tandra", "disconnect"},
-         {},
-         {},
-         true},
-        {"UnSubscribeNotifyDisconnect",
-         UNSUBSCRIBE_NOTIFY_DISCONNECT,
-         [] { return Manager().UnSubscribeNotifyDisconnect("net", "Tandra"); },
-         {{"param is empty.", [] { return Manager().UnSubscribeNotifyDisconnect("", "Tandra"); }},
-          {"param is empty.", [] { return Manager().UnSubscribeNotifyDisconnect("net", ""); }}},
-         1001,
-         1012,
-         {"net", "Tandra"},
-         {},
-         {},
-         false},
-        {"PublishServiceState",
-         PUBLISH_SERVICE_STATE,
-         [] { return Manager().PublishServiceState("net", "Tandra", "", 2); },
-         {{"param is error.", [] { return Manager().PublishServiceState("", "Tandra", "x", 2); }},
-          {"param is error.", [] { return Manager().PublishServiceState("net", "", "x", 2); }},
-          {"param is error.", [] { return Manager().PublishServiceState("net", "Tandra", "x", 0); }},
-          {"param is error.", [] { return Manager().PublishServiceState("net", "Tandra", "x", 5); }}},
-         1001,
-         1012,
-         {"net", "Tandra", ""},
-         {},
-         {2},
-         false},
-        {"ApplyAdvancedResource",
-         APPLY_ADVANCED_RESOURCE,
-         [] { return Manager().ApplyAdvancedResource("peer", "Tandra", CameraResourceRequest(), Callback()); },
-         {{"callback is null or param is empty.",
-           [] { return Manager().ApplyAdvancedResource("peer", "Tandra", nullptr, Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().ApplyAdvancedResource("", "Tandra", CameraResourceRequest(), Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().ApplyAdvancedResource("peer", "", CameraResourceRequest(), Callback()); }},
-          {"callback is null or param is empty.",
-           [] { return Manager().ApplyAdvancedResource("peer", "Tandra", CameraResourceRequest(), nullptr); }}},
-         22,
-         32,
-         {"peer", "Tandra"},
-         {},
-         {},
-         true},
-        {"NotifyAllState",
-         NOTIFY_ALL_STATE,
-         [] { return Manager().NotifyAllState(); },
-         {},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         false},
-        {"SubscribeServiceStateWithPid",
-         SUBSCRIBE_SERVICE_STATE_WITH_PID,
-         [] { return Manager().SubscribeServiceStateWithPid(Callback()).first; },
-         {{"callback is null or eventName is empty.",
-           [] { return Manager().SubscribeServiceStateWithPid(nullptr).first; }}},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         true},
-        {"UnSubscribeServiceStateWithPid",
-         UNSUBSCRIBE_SERVICE_STATE_WITH_PID,
-         [] { return Manager().UnSubscribeServiceStateWithPid().first; },
-         {},
-         1001,
-         1012,
-         {},
-         {},
-         {},
-         false},
-    };
-    return cases;
-}
-
-class MeshlineOperationTest : public InnerkitsTest, public ::testing::WithParamInterface<OperationCase> {
-protected:
-    void SetUp() override
-    {
-        InnerkitsTest::SetUp();
-        Callback() = new RecordingCallback();
-    }
-    void TearDown() override
-    {
-        Callback() = nullptr;
-        InnerkitsTest::TearDown();
-    }
+// clang-format off
+const OperationCase CASES[] = {
+    {"RegisterDeviceStateManagerCallback",
+     [](auto& cb) { return Manager().RegisterDeviceStateManagerCallback("dev", 7, cb); },
+     {[](auto&) { return Manager().RegisterDeviceStateManagerCallback("dev", 7, nullptr); }}, "1: dev 7 callback"},
+    {"UnRegisterDeviceStateManagerCallback",
+     [](auto&) { return Manager().UnRegisterDeviceStateManagerCallback("dev", 7); },
+     {[](auto&) { return Manager().UnRegisterDeviceStateManagerCallback("", 7); }}, "2: dev 7"},
+    {"NotifyDeviceConnectState",
+     [](auto&) { return Manager().NotifyDeviceConnectState("dev", 7, new ServiceStateInfo("peer", 5, 3)); },
+     {[](auto&) { return Manager().NotifyDeviceConnectState("", 7, new ServiceStateInfo("dev", 2, 3)); },
+      [](auto&) { return Manager().NotifyDeviceConnectState("dev", 7, nullptr); }}, "3: dev 7 state peer|5|3"},
+    {"CheckConflict",
+     [](auto&) { return CheckConflictFor("dev"); }, {[](auto&) { return CheckConflictFor(""); }}, "4: dev 7 2"},
+    {"DisconnectCurrentDevice", [](auto&) { return Manager().DisconnectCurrentDevice("dev", 7, 2); },
+     {[](auto&) { return Manager().DisconnectCurrentDevice("", 7, 2); }}, "5: dev 7 2"},
+    {"RegisterDeviceStateSubscriber", [](auto& cb) { return Manager().RegisterDeviceStateSubscriber(cb); },
+     {[](auto&) { return Manager().RegisterDeviceStateSubscriber(nullptr); }}, "6: callback"},
+    {"UnRegisterDeviceStateSubscriber", [](auto&) { return Manager().UnRegisterDeviceStateSubscriber(); }, {}, "7:"},
+    {"SubscribeServiceState", [](auto& cb) { return Manager().SubscribeServiceState(cb); },
+     {[](auto&) { return Manager().SubscribeServiceState(nullptr); }}, "8: callback"},
+    {"UnSubscribeServiceState", [](auto&) { return Manager().UnSubscribeServiceState(); }, {}, "9:"},
+    {"SubscribeNotifyDisconnect",
+     [](auto& cb) { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "disconnect", cb); },
+     {[](auto& cb) { return Manager().SubscribeNotifyDisconnect("", "Tandra", "disconnect", cb); },
+      [](auto& cb) { return Manager().SubscribeNotifyDisconnect("net", "", "disconnect", cb); },
+      [](auto& cb) { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "", cb); },
+      [](auto&) { return Manager().SubscribeNotifyDisconnect("net", "Tandra", "disconnect", nullptr); }},
+     "10: net Tandra disconnect callback"},
+    {"UnSubscribeNotifyDisconnect", [](auto&) { return Manager().UnSubscribeNotifyDisconnect("net", "Tandra"); },
+     {[](auto&) { return Manager().UnSubscribeNotifyDisconnect("", "Tandra"); },
+      [](auto&) { return Manager().UnSubscribeNotifyDisconnect("net", ""); }}, "11: net Tandra"},
+    // States 1 to 4 are published; 0 and 5 are not.
+    {"PublishServiceState", [](auto&) { return Manager().PublishServiceState("net", "Tandra", "", 1); },
+     {[](auto&) { return Manager().PublishServiceState("", "Tandra", "x", 2); },
+      [](auto&) { return Manager().PublishServiceState("net", "", "x", 2); },
+      [](auto&) { return Manager().PublishServiceState("net", "Tandra", "x", 0); },
+      [](auto&) { return Manager().PublishServiceState("net", "Tandra", "x", 5); }}, "12: net Tandra  1"},
+    {"PublishServiceStateFour", [](auto&) { return Manager().PublishServiceState("net", "Tandra", "", 4); }, {},
+     "12: net Tandra  4"},
+    {"ApplyAdvancedResource",
+     [](auto& cb) { return Manager().ApplyAdvancedResource("peer", "Tandra", CameraRequest(), cb); },
+     {[](auto& cb) { return Manager().ApplyAdvancedResource("peer", "Tandra", nullptr, cb); },
+      [](auto& cb) { return Manager().ApplyAdvancedResource("", "Tandra", CameraRequest(), cb); },
+      [](auto& cb) { return Manager().ApplyAdvancedResource("peer", "", CameraRequest(), cb); },
+      [](auto&) { return Manager().ApplyAdvancedResource("peer", "Tandra", CameraRequest(), nullptr); }},
+     "13: peer Tandra remote 1+ 4- local comm 20971520|19000|2000|10|134217728|0|0|0|DATA_TYPE_BYTES callback",
+     IpcResult::APPLY_INVALID_PARAM, IpcResult::APPLY_SERVICE_DEAD},
+    {"NotifyAllState", [](auto&) { return Manager().NotifyAllState(); }, {}, "14:"},
+    {"SubscribeServiceStateWithPid", [](auto& cb) { return Manager().SubscribeServiceStateWithPid(cb).first; },
+     {[](auto&) { return Manager().SubscribeServiceStateWithPid(nullptr).first; }}, "15: callback"},
+    {"UnSubscribeServiceStateWithPid",
+     [](auto&) { return Manager().UnSubscribeServiceStateWithPid().first; }, {}, "16:"},
 };
+// clang-format on
 
-TEST_P(MeshlineOperationTest, ChecksRefuseBeforeAnythingIsSent)
+class MeshlineOperationTest : public InnerkitsTest, public ::testing::WithParamInterface<OperationCase> {};
+
+TEST_P(MeshlineOperationTest, ChecksResultsAndWhatTravels)
 {
     const OperationCase& c = GetParam();
+    sptr<CallbackSkeleton> callback = new RecordingCallback();
+    EXPECT_EQ(c.call(callback), c.noServiceResult);
+
+    // The checks refuse before the service is even looked up.
     ScriptedMeshlineService& service = StartService();
-    for (const Refusal& refusal : c.refusals) {
-        LogCapture log;
-        EXPECT_EQ(refusal.call(), c.refusedResult) << refusal.line;
-        EXPECT_TRUE(log.Contains(refusal.line)) << refusal.line;
+    int lookups = saManager_->Lookups();
+    for (size_t i = 0; i < c.refusals.size(); ++i) {
+        EXPECT_EQ(c.refusals[i](callback), c.refusedResult) << "refusal " << i;
     }
     EXPECT_TRUE(service.Requests().empty());
-    EXPECT_EQ(saManager_->Lookups(), 0);
+    EXPECT_EQ(saManager_->Lookups(), lookups);
+
+    ASSERT_EQ(c.call(callback), 0);
+    ASSERT_EQ(service.Requests().size(), 1u);
+    const RecordedRequest request = service.Requests().front();
+    EXPECT_EQ(std::tie(request.code, request.serviceType, request.operateCode, request.subOperateCode, request.command),
+              std::make_tuple(501u, 501u, 0u, 0u, 0u));
+    EXPECT_TRUE(request.complete);
+    EXPECT_EQ(request.unreadBytes, 0u);
+    EXPECT_EQ(Sent(request, callback), c.sent);
+
+    service.SetResult(request.operation, 4242);
+    EXPECT_EQ(c.call(callback), 4242);
+    service.SetSendFailure(request.operation);
+    EXPECT_EQ(c.call(callback), IpcResult::IPC_SEND_FAILED);
 }
 
-TEST_P(MeshlineOperationTest, MissingServiceFailedSendAndServiceAnswer)
-{
-    const OperationCase& c = GetParam();
-    EXPECT_EQ(c.call(), c.noServiceResult);
-
-    ScriptedMeshlineService& service = StartService();
-    service.SetSendFailure(c.operation);
-    EXPECT_EQ(c.call(), IpcResult::IPC_SEND_FAILED);
-
-    service.SetSendFailure(c.operation, 0);
-    service.SetResult(c.operation, 4242);
-    EXPECT_EQ(c.call(), 4242);
-}
-
-TEST_P(MeshlineOperationTest, ServiceDecodesTheArgumentsFromTheLayout)
-{
-    const OperationCase& c = GetParam();
-    ScriptedMeshlineService& service = StartService();
-    ASSERT_EQ(c.call(), 0);
-
-    auto request = service.WaitForRequest(c.operation);
-    ASSERT_TRUE(request.has_value());
-    EXPECT_EQ(request->code, 501u);
-    EXPECT_EQ(request->serviceType, 501u);
-    EXPECT_EQ(request->operation, c.operation);
-    EXPECT_EQ(request->operateCode, 0u);
-    EXPECT_EQ(request->subOperateCode, 0u);
-    EXPECT_EQ(request->command, 0u);
-    EXPECT_TRUE(request->complete);
-    EXPECT_EQ(request->unreadBytes, 0u);
-    EXPECT_EQ(request->strings, c.strings);
-    EXPECT_EQ(request->uints, c.uints);
-    EXPECT_EQ(request->ints, c.ints);
-    if (c.carriesCallback) {
-        EXPECT_EQ(request->callback, Callback()->AsObject());
-    } else {
-        EXPECT_EQ(request->callback, nullptr);
-    }
-}
-
-void PrintTo(const OperationCase& c, std::ostream* out)
-{
-    *out << c.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(AllOperations, MeshlineOperationTest, ::testing::ValuesIn(Cases()),
+INSTANTIATE_TEST_SUITE_P(AllOperations, MeshlineOperationTest, ::testing::ValuesIn(CASES),
                          [](const auto& info) { return std::string(info.param.name); });
 
 using MeshlineReplyTest = InnerkitsTest;
 
-TEST_F(MeshlineReplyTest, PublishServiceStateSendsStatesOneToFour)
-{
-    ScriptedMeshlineService& service = StartService();
-    for (int32_t state = 1; state <= 4; ++state) {
-        EXPECT_EQ(Manager().PublishServiceState("net", "Tandra", "", state), 0);
-    }
-    auto requests = service.Requests(PUBLISH_SERVICE_STATE);
-    ASSERT_EQ(requests.size(), 4u);
-    for (int32_t state = 1; state <= 4; ++state) {
-        EXPECT_EQ(requests[state - 1].ints, std::vector<int32_t>{state});
-    }
-}
-
-TEST_F(MeshlineReplyTest, ResourceRequestTravelsFieldForField)
-{
-    ScriptedMeshlineService& service = StartService();
-    sptr<CallbackSkeleton> callback = new RecordingCallback();
-    ASSERT_EQ(Manager().ApplyAdvancedResource("peer", "Tandra", CameraResourceRequest(), callback), 0);
-
-    auto request = service.WaitForRequest(APPLY_ADVANCED_RESOURCE);
-    ASSERT_TRUE(request.has_value());
-    const ResourceRequestValues& resource = request->resource;
-    ASSERT_TRUE(resource.present);
-    ASSERT_EQ(resource.remote.size(), 2u);
-    EXPECT_TRUE(resource.remote[0].present);
-    EXPECT_EQ(resource.remote[0].type, 1u);
-    EXPECT_TRUE(resource.remote[0].canShare);
-    EXPECT_EQ(resource.remote[1].type, 4u);
-    EXPECT_FALSE(resource.remote[1].canShare);
-    EXPECT_TRUE(resource.local.empty());
-    const CommunicationValues& communication = resource.communication;
-    ASSERT_TRUE(communication.present);
-    EXPECT_EQ(communication.minBandwidth, 20971520);
-    EXPECT_EQ(communication.maxLatency, 19000);
-    EXPECT_EQ(communication.minLatency, 2000);
-    EXPECT_EQ(communication.maxWaitTime, 10);
-    EXPECT_EQ(communication.maxBuffer, 134217728);
-    EXPECT_EQ(communication.dataType, "DATA_TYPE_BYTES");
-}
-
-TEST_F(MeshlineReplyTest, ServiceStateInfoTravelsFieldForField)
-{
-    ScriptedMeshlineService& service = StartService();
-    ASSERT_EQ(Manager().NotifyDeviceConnectState("dev", 7, new ServiceStateInfo("peer", 5, 3)), 0);
-    auto request = service.WaitForRequest(NOTIFY_DEVICE_CONNECT_STATE);
-    ASSERT_TRUE(request.has_value());
-    EXPECT_TRUE(request->serviceState.present);
-    EXPECT_EQ(request->serviceState.deviceId, "peer");
-    EXPECT_EQ(request->serviceState.linkType, 5u);
-    EXPECT_EQ(request->serviceState.connectState, 3u);
-}
-
 TEST_F(MeshlineReplyTest, PidBoundOperationsReturnBothReplyValues)
 {
     ScriptedMeshlineService& service = StartService();
-    sptr<CallbackSkeleton> callback = new RecordingCallback();
     service.SetResult(SUBSCRIBE_SERVICE_STATE_WITH_PID, 3);
     service.SetSecondValue(SUBSCRIBE_SERVICE_STATE_WITH_PID, 77);
     service.SetSecondValue(UNSUBSCRIBE_SERVICE_STATE_WITH_PID, 78);
-    EXPECT_EQ(Manager().SubscribeServiceStateWithPid(callback), std::make_pair(3, 77));
+    EXPECT_EQ(Manager().SubscribeServiceStateWithPid(new RecordingCallback()), std::make_pair(3, 77));
     EXPECT_EQ(Manager().UnSubscribeServiceStateWithPid(), std::make_pair(0, 78));
-
     service.SetSendFailure(ScriptedMeshlineService::ALL_OPERATIONS);
     EXPECT_EQ(Manager().UnSubscribeServiceStateWithPid(), std::make_pair(IpcResult::IPC_SEND_FAILED, 0));
 }
 
-TEST_F(MeshlineReplyTest, CheckConflictSkipsAbsentTasksAndAppends)
+// Tasks are appended to the caller's list, absent entries skipped; a count the reply cannot hold
+// (3 entries need at least 24 bytes, 20 follow it) or no count at all leaves the list as it was.
+TEST_F(MeshlineReplyTest, CheckConflictReadsTheTaskList)
 {
     ScriptedMeshlineService& service = StartService();
-    TaskValues task;
-    task.deviceId = "peer";
-    task.serviceType = 3;
-    task.linkType = 2;
-    task.connectState = 1;
-    task.canDisconnectFlag = 1;
     TaskValues absent;
     absent.present = false;
-    service.SetTaskList({absent, task});
+    service.SetTaskList({absent, TaskValues{true, "peer", 3, 2, 1, 1}});
     service.SetResult(CHECK_CONFLICT, 9);
-
     std::vector<sptr<DistributeTaskInfo>> tasks{new DistributeTaskInfo("earlier", 0, 0)};
     EXPECT_EQ(Manager().CheckConflict("peer", 3, 2, tasks), 9);
     ASSERT_EQ(tasks.size(), 2u);
     EXPECT_EQ(tasks[0]->GetDeviceId(), "earlier");
-    EXPECT_EQ(tasks[1]->GetDeviceId(), "peer");
-    EXPECT_EQ(tasks[1]->GetServiceType(), 3u);
-    EXPECT_EQ(tasks[1]->GetLinkType(), 2u);
-    EXPECT_EQ(tasks[1]->GetConnectState(), 1u);
-    EXPECT_EQ(tasks[1]->GetCanDisconnectFlag(), 1u);
-}
+    EXPECT_EQ(Join(tasks[1]->GetDeviceId(), tasks[1]->GetServiceType(), tasks[1]->GetLinkType(),
+                   tasks[1]->GetConnectState(), tasks[1]->GetCanDisconnectFlag()),
+              "peer|3|2|1|1");
 
-TEST_F(MeshlineReplyTest, CheckConflictRefusesAListTheReplyCannotHold)
-{
-    struct Case {
-        const char* name;
-        std::function<void(MessageParcel&)> reply;
-    };
-    const Case cases[] = {
-        // 3 entries need at least 24 bytes; 20 follow the count.
-        {"CountTooLarge",
-         [](MessageParcel& reply) {
-             reply.WriteUint32(3);
-             for (int i = 0; i < 5; ++i) {
-                 reply.WriteInt32(0);
-             }
-         }},
-        {"NoCount", [](MessageParcel&) {}},
-    };
-    ScriptedMeshlineService& service = StartService();
-    for (const Case& c : cases) {
-        service.SetReplyWriter(CHECK_CONFLICT, c.reply);
-        std::vector<sptr<DistributeTaskInfo>> tasks{new DistributeTaskInfo("earlier", 0, 0)};
-        EXPECT_EQ(Manager().CheckConflict("peer", 3, 2, tasks), IpcResult::IPC_SEND_FAILED) << c.name;
-        EXPECT_EQ(tasks.size(), 1u) << c.name;
+    for (size_t bytes : {20u, 0u}) {
+        service.SetReplyWriter(CHECK_CONFLICT, [bytes](MessageParcel& reply) {
+            if (bytes > 0) {
+                reply.WriteUint32(3);
+                reply.WriteBuffer(std::string(bytes, '\0').data(), bytes);
+            }
+        });
+        EXPECT_EQ(Manager().CheckConflict("peer", 3, 2, tasks), IpcResult::IPC_SEND_FAILED) << bytes;
+        EXPECT_EQ(tasks.size(), 2u) << bytes;
     }
 }
 

@@ -1,14 +1,12 @@
-// The service proxy: the request envelope on the wire, the request code of each operation,
-// and the cached lookup of system ability 70633.
+// The service proxy: the request envelope on the wire, the cached lookup of system ability 70633, and the service's
+// death reaching the one death recipient and dropping the cache.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <thread>
 
 #include "innerkits_test_util.h"
 #include "ipc_result_codes.h"
-#include "vex_log.h"
 
 namespace QUEX::Tandra::Testing {
 namespace {
@@ -20,26 +18,10 @@ void AppendUint32(std::vector<uint8_t>& bytes, uint32_t value)
     }
 }
 
-// The parcel layout of a UTF-16 interface token: length in units, the units, a NUL unit,
-// zero padding to 4 bytes.
-std::vector<uint8_t> TokenBytes(const std::u16string& token)
-{
-    std::vector<uint8_t> bytes;
-    AppendUint32(bytes, static_cast<uint32_t>(token.size()));
-    for (char16_t unit : token) {
-        bytes.push_back(static_cast<uint8_t>(unit));
-        bytes.push_back(static_cast<uint8_t>(unit >> 8));
-    }
-    bytes.push_back(0);
-    bytes.push_back(0);
-    while (bytes.size() % 4 != 0) {
-        bytes.push_back(0);
-    }
-    return bytes;
-}
-
 using TandraProxyTest = InnerkitsTest;
 
+// The token is its length in UTF-16 units, the units, a NUL unit and zero padding to 4 bytes;
+// then service type, operation and three zero codes.
 TEST_F(TandraProxyTest, MeshlineRequestEnvelopeIsTokenThenFiveUint32)
 {
     ScriptedMeshlineService& service = StartService();
@@ -47,79 +29,39 @@ TEST_F(TandraProxyTest, MeshlineRequestEnvelopeIsTokenThenFiveUint32)
 
     auto request = service.WaitForRequest(UNSUBSCRIBE_SERVICE_STATE);
     ASSERT_TRUE(request.has_value());
-    std::vector<uint8_t> expected = TokenBytes(u"quex.ITandra.ITandraService");
+    const std::u16string token = u"quex.ITandra.ITandraService";
+    std::vector<uint8_t> expected;
+    AppendUint32(expected, static_cast<uint32_t>(token.size()));
+    for (char16_t unit : token + u'\0') {
+        expected.push_back(static_cast<uint8_t>(unit));
+        expected.push_back(static_cast<uint8_t>(unit >> 8));
+    }
+    expected.resize((expected.size() + 3) / 4 * 4, 0);
     for (uint32_t value : {501u, 9u, 0u, 0u, 0u}) {
         AppendUint32(expected, value);
     }
     EXPECT_EQ(request->bytes, expected);
-    EXPECT_EQ(request->code, 501u);
-}
-
-TEST_F(TandraProxyTest, EachEventSendsItsRequestCode)
-{
-    using Event = int32_t (TandraProxy::*)(MessageParcel&, MessageParcel&, MessageOption&);
-    const std::vector<std::pair<Event, uint32_t>> events = {
-        {&TandraProxy::GetCollaborationServiceEvent, 1},
-        {&TandraProxy::CollaborationToDeviceEvent, 101},
-        {&TandraProxy::DevicePickerEvent, 201},
-        {&TandraProxy::CommonDataChannelEvent, 301},
-        {&TandraProxy::SurfaceTransferEvent, 601},
-        {&TandraProxy::IConnectDownMessageEvent, 401},
-        {&TandraProxy::MeshlineEvent, 501},
-    };
-    ScriptedMeshlineService& service = StartService();
-    sptr<TandraProxy> proxy = TandraProxy::GetInstance();
-    ASSERT_NE(proxy, nullptr);
-    for (const auto& [event, code] : events) {
-        MessageParcel data;
-        MessageParcel reply;
-        MessageOption option;
-        ASSERT_EQ(TandraProxy::BuildCollaborationServiceCode(data, code, 9, 0, 0, 0), 0);
-        // The scripted service serves only the Meshline code and refuses the others.
-        int32_t expected = code == 501 ? 0 : IpcResult::SEND_REQUEST_FAILED;
-        EXPECT_EQ(((*proxy).*event)(data, reply, option), expected) << code;
-    }
-    auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), events.size());
-    for (size_t i = 0; i < events.size(); ++i) {
-        EXPECT_EQ(requests[i].code, events[i].second);
-    }
-}
-
-TEST_F(TandraProxyTest, ProxyWithoutRemoteObjectRefusesToSend)
-{
-    TandraProxy proxy(nullptr);
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
-    EXPECT_EQ(proxy.MeshlineEvent(data, reply, option), IpcResult::REMOTE_NULL);
 }
 
 // A race cannot be forced from outside; many rounds of two threads that leave a spinning gate
 // together make a lost double check show up within a run.
 TEST_F(TandraProxyTest, ColdCacheRaceLooksUpOnce)
 {
-    constexpr int rounds = 500;
     StartService();
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < 500; ++round) {
         TandraProxy::DestoryInstance();
         int before = saManager_->Lookups();
         std::atomic<int> ready{0};
-        std::atomic<bool> go{false};
         sptr<TandraProxy> proxies[2];
         auto lookUp = [&](int index) {
             ++ready;
-            while (!go.load()) {
+            while (ready.load() < 2) {
                 std::this_thread::yield();
             }
             proxies[index] = TandraProxy::GetInstance();
         };
         std::thread first(lookUp, 0);
         std::thread second(lookUp, 1);
-        while (ready.load() < 2) {
-            std::this_thread::yield();
-        }
-        go = true;
         first.join();
         second.join();
         ASSERT_EQ(saManager_->Lookups(), before + 1) << "round " << round;
@@ -129,6 +71,7 @@ TEST_F(TandraProxyTest, ColdCacheRaceLooksUpOnce)
     EXPECT_EQ(TandraProxy::GetTandraRemoteObject(), sptr<IRemoteObject>(service_.GetRefPtr()));
 }
 
+// The cache holds a found service until DestoryInstance; a failed lookup is never cached.
 TEST_F(TandraProxyTest, DestroyedCacheLooksTheServiceUpAnew)
 {
     ScriptedMeshlineService& service = StartService();
@@ -143,37 +86,43 @@ TEST_F(TandraProxyTest, DestroyedCacheLooksTheServiceUpAnew)
 
     TandraProxy::DestoryInstance();
     service.Unregister();
-    LogCapture log;
     EXPECT_EQ(TandraProxy::GetInstance(), nullptr);
+    EXPECT_EQ(TandraProxy::GetInstance(), nullptr);
+    EXPECT_EQ(saManager_->Lookups(), 4);
     EXPECT_EQ(TandraProxy::GetTandraRemoteObject(), nullptr);
-    EXPECT_TRUE(log.Contains("failed to get TANDRA_SA_ID"));
+
+    // Another interface under the id is no service either.
+    saManager_->AddSystemAbility(TandraProxy::TANDRA_SA_ID, new Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback"));
+    EXPECT_EQ(TandraProxy::GetInstance(), nullptr);
 }
 
-// Nothing is cached on failure: each call goes back to the manager.
-TEST_F(TandraProxyTest, FailedLookupsAreNotCached)
+void KillService(int32_t pid)
 {
-    struct Case {
-        const char* line;
-        std::function<void()> arrange;
-    };
-    sptr<IRemoteObject> stranger = new Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback");
-    const Case cases[] = {
-        {"failed to get TANDRA_SA_ID", [] {}},
-        {"failed to iface cast", [&] { saManager_->AddSystemAbility(TandraProxy::TANDRA_SA_ID, stranger); }},
-        {"failed to get system manager",
-         [] { SystemAbilityManagerClient::GetInstance().SetSystemAbilityManager(nullptr); }},
-    };
-    for (const Case& c : cases) {
-        c.arrange();
-        LogCapture log;
-        int before = saManager_->Lookups();
-        EXPECT_EQ(TandraProxy::GetInstance(), nullptr) << c.line;
-        EXPECT_EQ(TandraProxy::GetInstance(), nullptr) << c.line;
-        EXPECT_EQ(log.Count(c.line), 2u) << c.line;
-        if (std::string(c.line) != "failed to get system manager") {
-            EXPECT_EQ(saManager_->Lookups(), before + 2) << c.line;
-        }
-    }
+    Vex::ProcessRegistry::Get().DeclareDead(pid);
+    ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
+}
+
+TEST_F(TandraProxyTest, DeathReachesTheCallbackAndDropsTheProxy)
+{
+    StartService();
+    sptr<RecordingCallback> callback = new RecordingCallback();
+    ASSERT_EQ(MeshlineManager::GetInstance().RegisterServiceDeathRecipient("camera", callback), 0);
+    ASSERT_EQ(saManager_->Lookups(), 1);
+
+    KillService(SERVICE_PID);
+    EXPECT_EQ(callback->Calls(), std::vector<std::string>{"Event 1012|0|camera"});
+
+    // A new service takes the id; the next request finds it instead of the dead one.
+    service_->Unregister();
+    ScriptedMeshlineService& replacement = StartService(SECOND_SERVICE_PID);
+    EXPECT_EQ(MeshlineManager::GetInstance().NotifyAllState(), 0);
+    EXPECT_EQ(saManager_->Lookups(), 2);
+    EXPECT_EQ(replacement.RequestCount(NOTIFY_ALL_STATE), 1u);
+
+    // And the recipient watches the new service once registered again.
+    ASSERT_EQ(MeshlineManager::GetInstance().RegisterServiceDeathRecipient("camera", callback), 0);
+    KillService(SECOND_SERVICE_PID);
+    EXPECT_EQ(callback->Calls().size(), 2u);
 }
 
 }  // namespace
