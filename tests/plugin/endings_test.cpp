@@ -66,12 +66,10 @@ public:
         } else {
             EXPECT_TRUE(closes.empty());
         }
-        size_t free = 0;
-        for (int32_t state : PublishedStates()) {
-            free += state == 1 ? 1 : 0;
-        }
-        EXPECT_EQ(free, 1u);
-        EXPECT_EQ(Unsubscriptions(), 1u);
+        EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4, 1}));
+        const auto unsubscriptions = meshline_->Requests(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT);
+        ASSERT_EQ(unsubscriptions.size(), 1u);
+        EXPECT_EQ(unsubscriptions[0].strings, (std::vector<std::string>{peer_.networkId, FRAMEWORK}));
         ExpectGone(collaboration.id);
         EXPECT_EQ(OpenDescriptors(), descriptors_);
     }
@@ -99,8 +97,13 @@ const Ending ENDINGS[] = {
      [](EndingTest& t, const Collaboration& c) { PeerFailure(t, c, CODE_DISCONNECTED_BEFORE_SEND, 1); }, 1001, "error",
      true},
     {"DisconnectNotice", false,
-     [](EndingTest& t, const Collaboration&) { EXPECT_EQ(t.NotifyDisconnected().status, 0); }, EVENT_PEER_DISCONNECTED,
-     "state", true},
+     [](EndingTest& t, const Collaboration&) {
+         auto subscription = t.meshline_->WaitForRequest(Testing::SUBSCRIBE_NOTIFY_DISCONNECT);
+         ASSERT_TRUE(subscription.has_value());
+         EXPECT_EQ(t.meshline_->CallDisconnected(subscription->callback, "", t.peer_.networkId, "disconnect", 0).status,
+                   0);
+     },
+     EVENT_PEER_DISCONNECTED, "state", true},
     {"ControlChannelLost", false,
      [](EndingTest& t, const Collaboration& c) {
          ASSERT_TRUE(t.device_.Peer().AwaitDelivered(t.device_.Peer().CloseSession(c.sessionId)));
@@ -118,8 +121,7 @@ const Ending ENDINGS[] = {
     {"ApplicationDied", false,
      [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true},
     {"ApplicationDiedMidTransfer", true,
-     [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true},
-};
+     [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true}};
 
 TEST_P(EndingTest, RunsTheStopSequenceOnce)
 {
@@ -186,7 +188,6 @@ TEST_F(EndingTest, TakesPhotosAndFinishes)
         EXPECT_EQ(photo.size, photos[i].size());
         EXPECT_TRUE(photo.bytes == photos[i]) << "photo bytes differ";
     }
-    EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4, 1}));
     ExpectStopped(collaboration, true);
 }
 
@@ -198,12 +199,12 @@ TEST_F(EndingTest, PhotoCountIsNotAnEnding)
     AwaitPhotoWait();
     // The stop sequence posted for the count has returned early.
     ASSERT_TRUE(log_.Await("not need to perform the following operations."));
-    EXPECT_EQ(app_->Events().size(), 1u);
+    EXPECT_EQ(app_->Calls(101).size(), 1u);
     EXPECT_NE(process_->QueryCameraProcess(collaboration.id), nullptr);
     EXPECT_EQ(process_->QuerySessionId(collaboration.id), collaboration.sessionId);
     EXPECT_TRUE(env_->bus_.Closes().empty());
     EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4}));
-    EXPECT_EQ(Unsubscriptions(), 0u);
+    EXPECT_EQ(meshline_->RequestCount(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT), 0u);
 }
 
 // While the control session is still being opened the collaboration has no session id (-2): the

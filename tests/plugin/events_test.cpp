@@ -1,8 +1,9 @@
-// Event subscriptions of the camera application (requests 2 and 5 as the host dispatches them)
-// and the cache of events that fell due before their addressee subscribed.
+// Event subscriptions of the camera application (requests 2 and 5 as the host dispatches them),
+// its death, and the cache of events that fell due before their addressee subscribed.
 #include <tuple>
 
 #include "requesting_fixture.h"
+#include "session_manager.h"
 
 namespace QUEX::Tandra::RequestingTesting {
 namespace {
@@ -86,6 +87,44 @@ TEST_F(EventsTest, UnregistrationRepliesOneAndTheIdOrTwoAndZero)
         EXPECT_EQ(reply.ReadUint32(), second);
     }
     EXPECT_EQ(SubscribedId(CAMERA_PID, CAMERA_UID, IMAGE_COMPLETE), 0u);
+}
+
+// The camera application's first subscription tells the running collaboration's peer that the
+// camera started; one death recipient per process, so a second subscription tells nobody. Its
+// death tells the peer of every put-photo session and forgets its subscriptions.
+TEST_F(EventsTest, CameraDeathReachesEveryPutPhotoSessionOnce)
+{
+    std::vector<int32_t> sessions;
+    std::vector<std::shared_ptr<PutPhotoContext>> contexts;
+    for (uint32_t id : {51u, 52u}) {
+        auto info = std::make_shared<ServiceInfo>(2, 1, IdText(id) + "-" + peer_.networkId, "{}");
+        sessions.push_back(
+            SessionManager::CollaborationToDeviceByCtrlSession(device_.Identity().networkId, peer_.networkId, info)
+                .second);
+        contexts.push_back(std::make_shared<PutPhotoContext>(sessions.back()));
+        ASSERT_TRUE(process_->AddPutPhotoContext(sessions.back(), contexts.back()));
+    }
+    process_->SetCollaborationDataInfo(sessions[0], CAMERA_BUNDLE);
+    for (const std::string& event : {IMAGE_COMPLETE, PREVIEW_CANCEL}) {
+        ASSERT_EQ(Subscribe(CAMERA_PID, CAMERA_UID, 51, event, NewCallback(CAMERA_PID, CAMERA_UID)), 0);
+    }
+    Testing::ScriptedPeer& peer = device_.Peer();
+    ASSERT_EQ(peer.SentOnSession(sessions[0]).size(), 1u);
+    EXPECT_EQ(peer.SentOnSession(sessions[0])[0].bytes, CameraMessage(CODE_CAMERA_STARTED, 0));
+    EXPECT_TRUE(peer.SentOnSession(sessions[1]).empty());
+
+    Vex::LogCapture log;
+    Vex::ProcessRegistry::Get().DeclareDead(CAMERA_PID);
+    ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        ASSERT_TRUE(peer.AwaitSentOnSession(sessions[i], 2 - i));
+        EXPECT_EQ(peer.SentOnSession(sessions[i]).back().bytes, CameraMessage(CODE_CAMERA_DIED, 0));
+        EXPECT_FALSE(contexts[i]->IsCameraAlive());
+        process_->RemovePhotoContext(sessions[i]);
+    }
+    EXPECT_EQ(log.Count("Remote died, do clean works. deathCode=102"), 1u);
+    EXPECT_EQ(process_->QueryOnEventProcess(CAMERA_PID), nullptr);
+    EXPECT_FALSE(process_->QueryIsDeathRecipient(CAMERA_PID));
 }
 
 // Cancels reported before the camera application subscribed are kept and delivered in order

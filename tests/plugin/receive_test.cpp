@@ -38,44 +38,33 @@ TEST_F(ReceiveTest, StateMachineTakesEveryCodeFromEveryState)
     constexpr int R = CameraProcessState::STATUS_RECEIVING;
     constexpr int F = CameraProcessState::STATUS_FINISHED;
     struct Row {
-        uint32_t code;
+        std::vector<uint32_t> codes;
         int after[3];  // from waiting, receiving, finished
     };
     const Row rows[] = {
-        {CODE_PHOTO_COUNT, {R, REFUSE, REFUSE}},
-        {CODE_PHOTO, {R, R, REFUSE}},
-        {CODE_LAST_PHOTO, {F, F, REFUSE}},
-        {CODE_PHOTO_FAILED, {REFUSE, F, REFUSE}},
-        {CODE_DISCONNECTED_BEFORE_SEND, {F, REFUSE, REFUSE}},
-        {1001201903, {F, F, REFUSE}},
-        {1001201904, {F, F, REFUSE}},
-        {1001201907, {F, F, REFUSE}},
-        {1001201909, {F, F, REFUSE}},
-        {1001201911, {F, F, REFUSE}},
-        {1001201917, {F, F, REFUSE}},
-        {CODE_CAMERA_STARTED, {STAY, STAY, STAY}},
-        {1001201902, {REFUSE, REFUSE, REFUSE}},
-        {1001201906, {REFUSE, REFUSE, REFUSE}},
-        {1001201908, {REFUSE, REFUSE, REFUSE}},
-        {1001201910, {REFUSE, REFUSE, REFUSE}},
-        {1001201913, {REFUSE, REFUSE, REFUSE}},
-        {1001201914, {REFUSE, REFUSE, REFUSE}},
-        {1001201915, {REFUSE, REFUSE, REFUSE}},
-        {1001201916, {REFUSE, REFUSE, REFUSE}},
-        {EVENT_LAST_PHOTO, {REFUSE, REFUSE, REFUSE}},  // an application code, never a peer's
-        {12345, {REFUSE, REFUSE, REFUSE}},
-    };
+        {{CODE_PHOTO_COUNT}, {R, REFUSE, REFUSE}},
+        {{CODE_PHOTO}, {R, R, REFUSE}},
+        {{CODE_PHOTO_FAILED}, {REFUSE, F, REFUSE}},
+        {{CODE_DISCONNECTED_BEFORE_SEND}, {F, REFUSE, REFUSE}},
+        {{CODE_LAST_PHOTO, 1001201903, 1001201904, 1001201907, 1001201909, 1001201911, 1001201917}, {F, F, REFUSE}},
+        {{CODE_CAMERA_STARTED}, {STAY, STAY, STAY}},
+        // EVENT_LAST_PHOTO is an application code, never a peer's.
+        {{1001201902, 1001201906, 1001201908, 1001201910, 1001201913, 1001201914, 1001201915, 1001201916,
+          EVENT_LAST_PHOTO, 12345},
+         {REFUSE, REFUSE, REFUSE}}};
     uint32_t id = 100;
     for (const Row& row : rows) {
-        for (uint32_t from : {0u, 1u, 2u}) {
-            SCOPED_TRACE(testing::Message() << "code " << row.code << " from " << from);
-            auto state = std::make_shared<CameraProcessState>(++id, peer_.networkId, nullptr);
-            state->SetStatus(from);
-            ASSERT_TRUE(process_->AddCameraProcess(id, state));
-            const int expected = row.after[from];
-            EXPECT_EQ(process_->CheckAndUpdateState(id, row.code), expected != REFUSE);
-            EXPECT_EQ(state->GetStatus(), expected < 0 ? from : static_cast<uint32_t>(expected));
-            process_->EraseCameraProcess(id);
+        for (uint32_t code : row.codes) {
+            for (uint32_t from : {0u, 1u, 2u}) {
+                SCOPED_TRACE(testing::Message() << "code " << code << " from " << from);
+                auto state = std::make_shared<CameraProcessState>(++id, peer_.networkId, nullptr);
+                state->SetStatus(from);
+                ASSERT_TRUE(process_->AddCameraProcess(id, state));
+                const int expected = row.after[from];
+                EXPECT_EQ(process_->CheckAndUpdateState(id, code), expected != REFUSE);
+                EXPECT_EQ(state->GetStatus(), expected < 0 ? from : static_cast<uint32_t>(expected));
+                process_->EraseCameraProcess(id);
+            }
         }
     }
     EXPECT_FALSE(process_->CheckAndUpdateState(99999, CODE_CAMERA_STARTED));
@@ -117,8 +106,7 @@ TEST_F(ReceiveTest, OneBufferReachesTheApplicationCheckedAndMapped)
         {"1001201908", false, CameraMessage(1001201908, 0), 0, NONE, ""},
         {"1001201919", false, CameraMessage(1001201919, 0), 0, NONE, ""},
         {"1001201902", false, CameraMessage(1001201902, 0), 0, NONE, ""},
-        {"1001201914 receiving", true, CameraMessage(1001201914, 0), 0, NONE, ""},
-    };
+        {"1001201914 receiving", true, CameraMessage(1001201914, 0), 0, NONE, ""}};
     uint32_t id = 10;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -187,12 +175,10 @@ TEST_F(ReceiveTest, QueryDataChannelAnswersAtOnceWakesEarlyOrTimesOut)
         bool registered;
         Result expected;
     };
-    const Row rows[] = {
-        {PutPhotoContext::CHANNEL_UNSETTLED, 0, true, {0, 77}},
-        {PutPhotoContext::CHANNEL_OPENED, 0, true, {0, 77}},
-        {PutPhotoContext::CHANNEL_FAILED, -5, false, {-5, -1}},
-        {PutPhotoContext::CHANNEL_CANCELLED, 0, false, {0, -1}},
-    };
+    const Row rows[] = {{PutPhotoContext::CHANNEL_UNSETTLED, 0, true, {0, 77}},
+                        {PutPhotoContext::CHANNEL_OPENED, 0, true, {0, 77}},
+                        {PutPhotoContext::CHANNEL_FAILED, -5, false, {-5, -1}},
+                        {PutPhotoContext::CHANNEL_CANCELLED, 0, false, {0, -1}}};
     int32_t sessionId = 10;
     for (const Row& row : rows) {
         auto context = std::make_shared<PutPhotoContext>(++sessionId);

@@ -11,10 +11,12 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -46,19 +48,43 @@ inline const std::string APP_BUNDLE = "com.example.photo";
 inline const std::string TAKE_PHOTO_TYPE = "tandra.CameraAbility.TakePhoto";
 inline const std::string FRAMEWORK = "Tandra";
 
+// Items recorded from any thread, and a real-time wait for enough of them to match.
+template <typename T>
+class Recorder {
+public:
+    void Add(T item)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        items_.push_back(std::move(item));
+        cv_.notify_all();
+    }
+    std::vector<T> Items() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return items_;
+    }
+    bool Await(const std::function<bool(const T&)>& match, size_t count = 1, std::chrono::milliseconds timeout = AWAIT)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&]() {
+            return static_cast<size_t>(std::count_if(items_.begin(), items_.end(), match)) >= count;
+        });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<T> items_;
+};
+
 // One call on the application's callback: events (service type 101: code, id, text) and photos
 // (102: status, id, size, raw bytes).
 struct AppCall {
-    uint32_t serviceType = 0;
-    uint32_t subServiceType = 0;
-    uint32_t code = 0;
-    uint32_t collaborationId = 0;
-    std::string text;
-    uint32_t size = 0;
-    std::string bytes;
+    uint32_t serviceType = 0, subServiceType = 0, code = 0, collaborationId = 0, size = 0;
+    std::string text, bytes;
 };
 
-class AppCallback : public Vex::IPCObjectStub {
+class AppCallback : public Vex::IPCObjectStub, public Recorder<AppCall> {
 public:
     AppCallback() : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback") {}
 
@@ -80,9 +106,7 @@ public:
         } else {
             call.text = data.ReadString();
         }
-        std::lock_guard<std::mutex> lock(mutex_);
-        calls_.push_back(std::move(call));
-        cv_.notify_all();
+        Add(std::move(call));
         reply.WriteInt32(0);
         return 0;
     }
@@ -90,36 +114,21 @@ public:
     // Calls of the service type (0: all) and collaboration id (0: any).
     std::vector<AppCall> Calls(uint32_t serviceType = 0, uint32_t collaborationId = 0) const
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<AppCall> out;
-        for (const AppCall& call : calls_) {
-            if ((serviceType == 0 || call.serviceType == serviceType) &&
-                (collaborationId == 0 || call.collaborationId == collaborationId)) {
-                out.push_back(call);
-            }
-        }
-        return out;
+        std::vector<AppCall> calls = Items();
+        calls.erase(std::remove_if(calls.begin(), calls.end(),
+                                   [&](const AppCall& call) {
+                                       return (serviceType != 0 && call.serviceType != serviceType) ||
+                                              (collaborationId != 0 && call.collaborationId != collaborationId);
+                                   }),
+                    calls.end());
+        return calls;
     }
-    std::vector<AppCall> Events() const { return Calls(101); }
-    std::vector<AppCall> Photos() const { return Calls(102); }
 
-    // Waits (real time) until count calls arrived, or one with the code when code is not 0.
+    // Waits for count calls, or for one with the code when it is not 0.
     bool Await(size_t count, uint32_t code = 0, std::chrono::milliseconds timeout = AWAIT)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&]() {
-            size_t found = 0;
-            for (const AppCall& call : calls_) {
-                found += (code == 0 || call.code == code) ? 1 : 0;
-            }
-            return found >= count;
-        });
+        return Recorder::Await([code](const AppCall& call) { return code == 0 || call.code == code; }, count, timeout);
     }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<AppCall> calls_;
 };
 
 // A peer message: the 8-byte header, then the payload.
@@ -215,48 +224,30 @@ public:
     CountingBus bus_;
 };
 
-// Lets a test wait for a step that leaves no other trace than its log line.
-class LogWaiter {
+// Lets a test wait for a step that leaves no other trace than its log line; lines still go to
+// stderr.
+class LogWaiter : public Recorder<std::string> {
 public:
     LogWaiter()
     {
         previous_ = Vex::SetLogSink([this](const Vex::LogRecord& record) {
             std::cerr << record.tag << ": " << record.message << "\n";
-            std::lock_guard<std::mutex> lock(mutex_);
-            messages_.push_back(record.message);
-            cv_.notify_all();
+            Add(record.message);
         });
     }
     ~LogWaiter() { Vex::SetLogSink(previous_); }
     bool Await(const std::string& text)
     {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, AWAIT, [&]() {
-            for (const std::string& message : messages_) {
-                if (message.find(text) != std::string::npos) {
-                    return true;
-                }
-            }
-            return false;
-        });
+        return Recorder::Await([&text](const std::string& line) { return line.find(text) != std::string::npos; });
     }
 
 private:
     Vex::LogSink previous_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::string> messages_;
 };
 
 inline AbilityInfo PeerCamera()
 {
-    AbilityInfo info;
-    info.bundleName = "com.peer.camera";
-    info.abilityName = "CameraAbility";
-    info.moduleName = "entry";
-    info.action = TAKE_PHOTO_TYPE;
-    info.abilityType = TAKE_PHOTO_TYPE;
-    return info;
+    return {"com.peer.camera", "CameraAbility", "entry", TAKE_PHOTO_TYPE, TAKE_PHOTO_TYPE};
 }
 
 // A running collaboration as the requesting device sees it once the command went out.
@@ -399,24 +390,6 @@ public:
             states.push_back(request.ints.empty() ? 0 : request.ints.front());
         }
         return states;
-    }
-
-    size_t Unsubscriptions()
-    {
-        for (const auto& request : meshline_->Requests(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT)) {
-            EXPECT_EQ(request.strings, (std::vector<std::string>{peer_.networkId, FRAMEWORK}));
-        }
-        return meshline_->RequestCount(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT);
-    }
-
-    // The disconnect notice as the connection manager sends it to the subscribed callback.
-    Testing::CallbackReply NotifyDisconnected()
-    {
-        auto subscription = meshline_->WaitForRequest(Testing::SUBSCRIBE_NOTIFY_DISCONNECT);
-        EXPECT_TRUE(subscription.has_value());
-        return subscription.has_value()
-                   ? meshline_->CallDisconnected(subscription->callback, "", peer_.networkId, "disconnect", 0)
-                   : Testing::CallbackReply{};
     }
 
     // The request envelope: the framework service's token and service type, then the four

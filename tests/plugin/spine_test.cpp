@@ -1,17 +1,14 @@
 // The plugin's spine: dispatch and load-time registration, its registries and id parsing, the
-// camera application's death (the requester's is one of the endings), timed waits on a simulated clock, the UI error
+// timed waits on a simulated clock, the UI error
 // codes, and the behaviour events with their limit.
 #include <future>
 
-#include "callback_skeleton_proxy.h"
 #include "camera_ability_listener.h"
 #include "dfx_helper.h"
-#include "host_death_recipient.h"
 #include "listener_manager.h"
 #include "pending.h"
 #include "plugin_loader.h"
 #include "requesting_fixture.h"
-#include "session_manager.h"
 #include "tandra_dfx.h"
 #include "vex_sys_event.h"
 
@@ -82,10 +79,6 @@ TEST_F(SpineTest, RegistriesKeepTheFirstValueAndAnswerWithSentinels)
     EXPECT_TRUE(process_->AddSessionId(501, 11));
     EXPECT_FALSE(process_->AddSessionId(501, 12));
     EXPECT_EQ(process_->QuerySessionId(501), 11);
-    auto context = std::make_shared<PutPhotoContext>(21);
-    EXPECT_TRUE(process_->AddPutPhotoContext(21, context));
-    EXPECT_FALSE(process_->AddPutPhotoContext(21, std::make_shared<PutPhotoContext>(21)));
-    EXPECT_EQ(process_->QueryPutPhotoContext(21), context);
     // The first query claims the pid; later ones find it claimed.
     EXPECT_FALSE(process_->QueryIsDeathRecipient(4242));
     EXPECT_TRUE(process_->QueryIsDeathRecipient(4242));
@@ -95,82 +88,18 @@ TEST_F(SpineTest, RegistriesKeepTheFirstValueAndAnswerWithSentinels)
 
 TEST(SpineIdTest, ResolveCollaborationIdAcceptsOnlyADecimalIdBeforeTheDash)
 {
-    const std::pair<std::string, uint32_t> cases[] = {
-        {"12-abc", 12},
-        {"00000000007-PEERNETWORKID0001", 7},
-        {"4294967295-x", 4294967295u},
-        {"000000000012-x", 12},
-        {"12-", 12},
-        {"1-2-3", 1},
-        {"", 0},
-        {"-12", 0},
-        {"12", 0},
-        {"1a-x", 0},
-        {" 1-x", 0},
-        {"+1-x", 0},
-        {"4294967296-x", 0},
-        {"0000000000012-x", 0},
-        {"1234567890123-x", 0},
-    };
-    for (const auto& [text, expected] : cases) {
+    const std::pair<std::string, uint32_t> accepted[] = {{"12-abc", 12},
+                                                         {"00000000007-PEERNETWORKID0001", 7},
+                                                         {"4294967295-x", 4294967295u},
+                                                         {"000000000012-x", 12},
+                                                         {"12-", 12},
+                                                         {"1-2-3", 1}};
+    for (const auto& [text, expected] : accepted) {
         EXPECT_EQ(CameraAbilityProcess::ResolveCollaborationId(text), expected) << text;
     }
-}
-
-// The camera application's death is told to the peer of every put-photo session and forgets its
-// subscriptions; a second subscription of the same process registers nothing and tells nobody.
-TEST_F(SpineTest, CameraDeathReachesEveryPutPhotoSessionOnce)
-{
-    const std::string peer = peer_.networkId;
-    std::vector<int32_t> sessions;
-    std::vector<std::shared_ptr<PutPhotoContext>> contexts;
-    for (uint32_t id : {51u, 52u}) {
-        auto info = std::make_shared<ServiceInfo>(2, 1, IdText(id) + "-" + peer, "{}");
-        sessions.push_back(
-            SessionManager::CollaborationToDeviceByCtrlSession(device_.Identity().networkId, peer, info).second);
-        contexts.push_back(std::make_shared<PutPhotoContext>(sessions.back()));
-        ASSERT_TRUE(process_->AddPutPhotoContext(sessions.back(), contexts.back()));
+    for (const char* text : {"", "-12", "12", "1a-x", " 1-x", "+1-x", "4294967296-x", "0000000000012-x"}) {
+        EXPECT_EQ(CameraAbilityProcess::ResolveCollaborationId(text), 0u) << text;
     }
-    process_->SetCollaborationDataInfo(sessions[0], "com.example.camera");
-    constexpr int32_t CAMERA_PID = 31001;
-    auto subscription = std::make_shared<OnEventProcess>();
-    subscription->pid = CAMERA_PID;
-    subscription->uid = 20031001;
-    subscription->event = "imageProcessComplete";
-    auto callback = NewCallback(CAMERA_PID, 20031001);
-    subscription->callback = new CallbackSkeletonProxy(callback);
-    std::string event = subscription->event;
-    ASSERT_TRUE(process_->AddOnEventProcess(CAMERA_PID, 20031001, event, subscription));
-    ASSERT_EQ(process_->RegistDeathRecipientByPid(CAMERA_PID, 0, HostDeathRecipient::DEATH_KIND_SUBSCRIBER, callback),
-              0);
-    // The camera-started code goes at once, to the running collaboration only.
-    ASSERT_EQ(device_.Peer().SentOnSession(sessions[0]).size(), 1u);
-    EXPECT_EQ(device_.Peer().SentOnSession(sessions[0])[0].bytes, CameraMessage(CODE_CAMERA_STARTED, 0));
-    EXPECT_TRUE(device_.Peer().SentOnSession(sessions[1]).empty());
-
-    Vex::SysEventCapture events;
-    EXPECT_EQ(process_->RegistDeathRecipientByPid(CAMERA_PID, 1, HostDeathRecipient::DEATH_KIND_SUBSCRIBER,
-                                                  NewCallback(CAMERA_PID, 20031001)),
-              0);
-    EXPECT_TRUE(events.Records().empty());
-    EXPECT_EQ(device_.Peer().SentOnSession(sessions[0]).size(), 1u);
-
-    Vex::LogCapture log;
-    Vex::ProcessRegistry::Get().DeclareDead(CAMERA_PID);
-    ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
-    for (size_t i = 0; i < sessions.size(); ++i) {
-        ASSERT_TRUE(device_.Peer().AwaitSentOnSession(sessions[i], 2 - i));
-        EXPECT_EQ(device_.Peer().SentOnSession(sessions[i]).back().bytes, CameraMessage(CODE_CAMERA_DIED, 0));
-        EXPECT_FALSE(contexts[i]->IsCameraAlive());
-    }
-    EXPECT_EQ(log.Count("Remote died, do clean works. deathCode=102"), 1u);
-    EXPECT_EQ(process_->QueryOnEventProcess(CAMERA_PID), nullptr);
-    EXPECT_FALSE(process_->QueryIsDeathRecipient(CAMERA_PID));
-    EXPECT_TRUE(AsynThreadPool::WaitIdle());
-    for (int32_t sessionId : sessions) {
-        process_->RemovePhotoContext(sessionId);
-    }
-    process_->ClearCollaborationDataInfo();
 }
 
 // Runs Start on a thread: the status and the simulated time the wait took.
@@ -208,10 +137,9 @@ TEST(SpinePendingTest, WaitsEndExactlyWhenStoppedOrTimedOut)
 
 TEST(SpineErrorCodeTest, MapsEveryKnownCodeWhateverTheStatusAndOthersByStatus)
 {
-    const uint32_t named[][2] = {
-        {2005, 1001202004},       {1001201907, 1001202004}, {2012, 1001202008},        {1001201901, 1001202009},
-        {1001201913, 1001202005}, {1001201914, 1001202011}, {3867803653u, 1001202011},
-    };
+    const uint32_t named[][2] = {{2005, 1001202004},       {1001201907, 1001202004}, {2012, 1001202008},
+                                 {1001201901, 1001202009}, {1001201913, 1001202005}, {1001201914, 1001202011},
+                                 {3867803653u, 1001202011}};
     for (const auto& [code, ui] : named) {
         for (uint32_t status : {0u, 1u, 2u}) {
             EXPECT_EQ(CameraAbilityProcess::GetErrorCode(status, code), ui) << code << " status " << status;
@@ -268,8 +196,7 @@ TEST_F(SpineTest, EventsHaveOneKeyLayoutFixedValuesAndALimitThatStillLogs)
         {"LOCAL_NET_ID", SysEventValue(DfxHelper::GetAnonymousID(local.networkId))},
         {"LOCAL_DEV_TYPE", SysEventValue(std::string("e"))},  // 0x0E
         {"IS_TRUST", SysEventValue(true)},
-        {"PEER_NET_ID", SysEventValue(DfxHelper::GetAnonymousID("PEER"))},
-    };
+        {"PEER_NET_ID", SysEventValue(DfxHelper::GetAnonymousID("PEER"))}};
     for (const auto& [key, value] : values) {
         EXPECT_EQ(Value(record, key), value) << key;
     }
