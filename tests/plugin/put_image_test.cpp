@@ -1,0 +1,217 @@
+// The photo records, and the put-image flow driven as the camera application drives it (real
+// descriptors through the framework service) against the scripted peer: what reaches the peer
+// on each channel, what the application hears, and that every descriptor is closed.
+#include <fcntl.h>
+
+#include <atomic>
+
+#include "serving_fixture.h"
+
+namespace QUEX::Tandra::Testing {
+
+TEST(PhotoRecordsTest, CallerInfoLosesOnlyItsModuleNameAndPhotoInfoNeverCrosses)
+{
+    sptr<PhotoCallerInfo> info = new PhotoCallerInfo();
+    info->SetCollaborationSessionId(-7);
+    info->SetAbilityName("CameraAbility");
+    info->SetBundleName(CAMERA_BUNDLE);
+    info->SetDeviceId("LOCALNETWORKID0001");
+    info->SetModuleName("entry");
+    info->SetDeviceType(0x11);
+    MessageParcel parcel;
+    ASSERT_TRUE(parcel.WriteStrongParcelable(sptr<Parcelable>(info.GetRefPtr())));
+    parcel.WriteUint32(0xABCD);  // what follows in a request must still be readable
+    sptr<PhotoCallerInfo> read = parcel.ReadStrongParcelable<PhotoCallerInfo>();
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(std::make_tuple(read->GetCollaborationSessionId(), read->GetAbilityName(), read->GetBundleName(),
+                              read->GetDeviceId(), read->GetDeviceType(), read->GetModuleName()),
+              std::make_tuple(-7, "CameraAbility", CAMERA_BUNDLE, "LOCALNETWORKID0001", 0x11u, ""));
+    EXPECT_EQ(parcel.ReadUint32(), 0xABCDu);
+
+    PhotoInfo photos;
+    photos.SetPhotoFdList({3, 4});
+    const size_t written = parcel.GetDataSize();
+    EXPECT_FALSE(photos.Marshalling(parcel));
+    EXPECT_EQ(parcel.GetDataSize(), written);
+    parcel.WriteInt32(1);
+    parcel.WriteInt32(3);
+    EXPECT_EQ(PhotoInfo::Unmarshalling(parcel), nullptr);
+}
+
+// A bus whose data sends fail from the nth on; everything else goes to the scripted peer.
+struct FailingDataEnv : DeviceEnvWrapper, SoftBus {
+    static constexpr int32_t SEND_ERROR = 461374453;
+    FailingDataEnv(std::shared_ptr<TestDeviceEnv> env, size_t failFrom)
+        : DeviceEnvWrapper(env), bus(env->Peer()), failFrom(failFrom)
+    {
+    }
+    SoftBus& GetSoftBus() override { return *this; }
+    void SetListener(SoftBusListener* listener) override { bus.SetListener(listener); }
+    std::pair<int32_t, int32_t> OpenCtrlSession(const std::string& peer, const std::string& name,
+                                                const std::string& text) override
+    {
+        return bus.OpenCtrlSession(peer, name, text);
+    }
+    int32_t CloseCtrlSession(int32_t id, bool notifyPeer) override { return bus.CloseCtrlSession(id, notifyPeer); }
+    bool HasCtrlSession(int32_t id) override { return bus.HasCtrlSession(id); }
+    int32_t SendCtrlMessage(int32_t id, const char* data, uint32_t len, uint32_t type) override
+    {
+        return bus.SendCtrlMessage(id, data, len, type);
+    }
+    std::pair<int32_t, int32_t> OpenDataChannel(const std::string& peer, const SessionAttribute& attr) override
+    {
+        return bus.OpenDataChannel(peer, attr);
+    }
+    int32_t CloseDataChannel(int32_t id) override { return bus.CloseDataChannel(id); }
+    int32_t SendDataMessage(int32_t id, int32_t session, const char* data, uint32_t len, uint32_t type,
+                            bool first) override
+    {
+        return ++sends >= failFrom ? SEND_ERROR : bus.SendDataMessage(id, session, data, len, type, first);
+    }
+
+    SoftBus& bus;
+    const size_t failFrom;
+    std::atomic<size_t> sends{0};
+};
+
+struct PutCase {
+    const char* name;
+    std::vector<size_t> sizes;  // of the photo files handed over
+    uint32_t sendMode;
+    size_t failDataFrom;  // the data send that fails (from 1), 0: none
+    uint16_t deviceType;  // of this device
+    int32_t result;
+    uint32_t announced;       // the count header's value, 0: no header sent
+    size_t delivered;         // the first photos that reach the peer whole
+    uint32_t controlFailure;  // a failure told on the control session after the count, 0: none
+    uint32_t putImageResult;  // what the application's callback hears, 0: nothing
+};
+
+const std::vector<size_t> BATCH = {1, 100 * 1024, 3 * 1024 * 1024 + 5};
+const PutCase PUT_CASES[] = {
+    {"Batch", BATCH, 0, 0, 0x0E, 0, 3, 3, 0, CODE_LAST_PHOTO},
+    {"SendModeOneReadsOneDescriptor", BATCH, 1, 0, 0x0E, 0, 1, 1, 0, CODE_LAST_PHOTO},
+    {"AThousandPhotos", std::vector<size_t>(1000, 19), 0, 0, 0x0E, 0, 1000, 1000, 0, CODE_LAST_PHOTO},
+    {"AThousandAndOneRefused", std::vector<size_t>(1001, 19), 0, 0, 0x0E, 1001, 0, 0, 0, 0},
+    {"EmptyFileEndsTheBatch", {32, 0, 32}, 0, 0, 0x0E, 0, 3, 1, CODE_PHOTO_FAILED, CODE_LAST_PHOTO},
+    {"SendFailureStopsTheBatch", {9, 9, 9, 9, 9}, 0, 3, 0x0E, 0, 5, 1, CODE_DATA_SEND_FAILED, CODE_LAST_PHOTO},
+    {"CountFailureSendsNoPhoto", {10}, 0, 1, 0x0E, 0, 1, 0, CODE_DATA_SEND_FAILED, CODE_LAST_PHOTO},
+    {"DeviceTypeNotAllowed", {10}, 0, 0, 0x0C, 0, 0, 0, 0, CODE_DEVICE_TYPE_REFUSED},
+};
+
+class PutImageTest : public ServingDeviceTest, public ::testing::WithParamInterface<PutCase> {};
+
+TEST_P(PutImageTest, SendsWhatItCanAndClosesEveryDescriptor)
+{
+    const PutCase& c = GetParam();
+    if (c.failDataFrom != 0) {
+        DeviceContext::Get().InstallEnv(std::make_shared<FailingDataEnv>(device_.EnvPtr(), c.failDataFrom));
+    }
+    int32_t sessionId = OpenCollaborationWithChannel();
+    DeviceIdentity identity = TestDevice::DefaultIdentity();
+    identity.deviceType = c.deviceType;
+    device_.Env().SetLocalDevice(identity);
+    std::vector<std::string> contents;
+    for (size_t i = 0; i < c.sizes.size(); ++i) {
+        contents.push_back(PhotoContent(i, c.sizes[i]));
+    }
+    const std::set<int> before = OpenDescriptors();
+    {
+        PhotoFiles files(contents);
+        EXPECT_EQ(app_->PutImage(sessionId, c.sendMode, contents.size(), files.fds), c.result);
+        ASSERT_TRUE(AsynThreadPool::WaitIdle(30000));
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+
+    // The count on both channels (unless its data send failed), then the photos, whole.
+    std::vector<SentMessage> sent = device_.Peer().SentOnDataChannelsFor(sessionId);
+    std::vector<PeerMessage> data = Decode(sent);
+    const size_t counts = c.announced != 0 && c.failDataFrom != 1 ? 1 : 0;
+    ASSERT_EQ(data.size(), counts + c.delivered);
+    if (counts != 0) {
+        EXPECT_EQ(std::make_tuple(data[0].code, data[0].size, data[0].payload),
+                  std::make_tuple(CODE_PHOTO_COUNT, c.announced, std::string()));
+    }
+    for (size_t i = 0; i < c.delivered; ++i) {
+        EXPECT_EQ(data[i + 1].code, i + 1 == c.announced ? CODE_LAST_PHOTO : CODE_PHOTO) << i;
+        EXPECT_EQ(data[i + 1].size, contents[i].size()) << i;
+        EXPECT_TRUE(data[i + 1].payload == contents[i]) << "bytes of photo " << i << " differ";
+        EXPECT_EQ(sent[i + 1].isFirst, i == 0) << i;
+    }
+    std::vector<PeerMessage> control = Decode(device_.Peer().SentOnSession(sessionId));
+    Codes told = {CODE_CAMERA_STARTED};
+    if (c.announced != 0) {
+        told.push_back(CODE_PHOTO_COUNT);
+        EXPECT_EQ(control.at(1).size, c.announced);
+    }
+    if (c.controlFailure != 0) {
+        told.push_back(c.controlFailure);
+    }
+    EXPECT_EQ(ControlCodes(sessionId), told);
+    const std::vector<CameraApp::Event> heard = {{CALLBACK_PUT_IMAGE_RESULT, c.putImageResult}};
+    EXPECT_EQ(app_->Events(), c.putImageResult != 0 ? heard : std::vector<CameraApp::Event>{});
+    if (c.failDataFrom == 1) {
+        EXPECT_TRUE(HasEvent("ProcessPutPhoto", {5, 9, 2, FailingDataEnv::SEND_ERROR}));
+    } else if (c.controlFailure == 0 && c.announced != 0) {
+        EXPECT_TRUE(HasEvent("ProcessPutPhotoRequest", {3, 8, 1, 0}));
+        EXPECT_TRUE(HasEvent("ProcessPutPhoto", {5, 9, 0, 0}));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, PutImageTest, ::testing::ValuesIn(PUT_CASES),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ServingDeviceTest, SecondPutImageWhileTheFirstRunsIsRefused)
+{
+    int32_t sessionId = OpenCollaborationWithChannel();
+    const std::set<int> before = OpenDescriptors();
+    {
+        PhotoFiles files({PhotoContent(0, 1024), PhotoContent(1, 1024)});
+        EXPECT_EQ(app_->PutImage(sessionId, 0, 1, {files.fds[0]}), 0);
+        EXPECT_EQ(app_->PutImage(sessionId, 0, 1, {files.fds[1]}), 1017);
+        ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(device_.Peer().SentOnDataChannelsFor(sessionId).size(), 2u);
+}
+
+// Descriptor 0 cannot come through a parcel while stdin is open, so the record goes to the
+// flow as the request handler hands it over, with /dev/null standing in for stdin.
+TEST_F(ServingDeviceTest, DescriptorZeroIsSkippedAndReported)
+{
+    int32_t sessionId = OpenCollaborationWithChannel();
+    auto process = CameraAbilityProcess::GetInstance();
+    auto context = process->QueryPutPhotoContext(sessionId);
+    ASSERT_TRUE(context->ChangeCameraStatus(PutPhotoContext::CAMERA_PUTTING).first);
+    context->SetPid(CAMERA_PID);
+    context->SetUid(CAMERA_UID);
+    const int savedStdin = dup(0);
+    const int devNull = open("/dev/null", O_RDONLY);
+    dup2(devNull, 0);
+    close(devNull);
+
+    const std::vector<std::string> contents = {PhotoContent(0, 40), PhotoContent(2, 50)};
+    PhotoFiles files(contents);
+    const std::vector<int32_t> fds = {dup(files.fds[0]), 0, dup(files.fds[1])};
+    sptr<PhotoInfo> info = new PhotoInfo();
+    info->SetPhotoCount(3);
+    info->SetPhotoFdList(fds);
+    sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
+    caller->SetCollaborationSessionId(sessionId);
+    auto param = std::make_shared<PhotoParam>(PhotoParam::REQUEST_PUT_IMAGE);
+    EXPECT_EQ(process->ProcessPutPhotoRequest(context, info, caller, param), 0);
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    dup2(savedStdin, 0);
+    close(savedStdin);
+
+    std::vector<PeerMessage> data = Decode(device_.Peer().SentOnDataChannelsFor(sessionId));
+    ASSERT_EQ(data.size(), 3u);
+    EXPECT_EQ(data[0].size, 3u);
+    EXPECT_TRUE(data[1].code == CODE_PHOTO && data[1].payload == contents[0]);
+    EXPECT_TRUE(data[2].code == CODE_LAST_PHOTO && data[2].payload == contents[1]);
+    EXPECT_EQ(ControlCodes(sessionId), (Codes{CODE_CAMERA_STARTED, CODE_PHOTO_COUNT, CODE_PHOTO_FAILED}));
+    EXPECT_EQ(fcntl(fds[0], F_GETFD), -1);
+    EXPECT_EQ(fcntl(fds[2], F_GETFD), -1);
+}
+
+}  // namespace QUEX::Tandra::Testing

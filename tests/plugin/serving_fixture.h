@@ -1,0 +1,310 @@
+// The serving device for component tests: one device with its scripted connection manager and
+// soft bus, the requester's command text as its plugin writes it, the camera application (its
+// callback object, and its requests through the framework service with its own identity),
+// photo files, and readers of what reached the peer, the event log and /proc/self/fd.
+// Time is simulated: a test that wants a wait to run out advances the clock once the waiter is
+// in place (Vex::Clock::AwaitWaiters).
+// Thread-safety: the camera application's callback may be called from any thread; the rest
+// belongs to the test's thread.
+#pragma once
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <optional>
+#include <set>
+
+#include "asyn_thread_pool.h"
+#include "camera_ability_process.h"
+#include "camera_msg_header.h"
+#include "host_service_stub.h"
+#include "photo_callerInfo.h"
+#include "put_photo_context.h"
+#include "scripted_meshline_service.h"
+#include "test_device.h"
+#include "vex_clock.h"
+#include "vex_sys_event.h"
+
+namespace QUEX::Tandra::Testing {
+
+constexpr int32_t CAMERA_PID = 4101;
+constexpr int32_t CAMERA_UID = 20040001;
+constexpr uint32_t CALLBACK_PUT_IMAGE_RESULT = 103;
+constexpr uint32_t CALLBACK_CANCEL = 106;
+constexpr int32_t GRANTED = 320001;
+const char* const CAMERA_BUNDLE = "com.example.camera";
+const char* const TAKE_PHOTO_TYPE = "tandra.CameraAbility.TakePhoto";
+inline const std::string REQUESTER = TestDevice::PeerIdentity().networkId;
+// The requester as its command names it: the resource applicant, the service-state owner.
+inline const std::string REQUESTER_UDID = TestDevice::PeerIdentity().udid;
+using Codes = std::vector<uint32_t>;
+
+// A message as the peer received it: the header, and the payload after it.
+struct PeerMessage {
+    uint32_t code = 0;
+    uint32_t size = 0;
+    std::string payload;
+};
+
+inline std::vector<PeerMessage> Decode(const std::vector<SentMessage>& sent)
+{
+    std::vector<PeerMessage> messages;
+    for (const auto& message : sent) {
+        CameraMsgHeader header{};
+        std::memcpy(&header, message.bytes.data(), std::min(sizeof(header), message.bytes.size()));
+        messages.push_back({header.code, header.size, message.bytes.substr(CAMERA_MSG_HEADER_LEN)});
+    }
+    return messages;
+}
+
+// The process's open descriptors, from the kernel's own list.
+inline std::set<int> OpenDescriptors()
+{
+    std::set<int> fds;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != dirfd(dir)) {
+            fds.insert(std::atoi(entry->d_name));
+        }
+    }
+    closedir(dir);
+    return fds;
+}
+
+// Distinct, recognisable bytes for photo index.
+inline std::string PhotoContent(size_t index, size_t length)
+{
+    std::string content(length, '\0');
+    for (size_t i = 0; i < length; ++i) {
+        content[i] = static_cast<char>((i * 31 + index * 7 + 1) & 0xFF);
+    }
+    return content;
+}
+
+// Photo files with these contents, unlinked at once (the descriptors keep them) and closed
+// when the set goes.
+struct PhotoFiles {
+    explicit PhotoFiles(const std::vector<std::string>& contents)
+    {
+        for (const auto& content : contents) {
+            char path[] = "/tmp/tandra_photo_XXXXXX";
+            fds.push_back(mkstemp(path));
+            unlink(path);
+            EXPECT_EQ(write(fds.back(), content.data(), content.size()), static_cast<ssize_t>(content.size()));
+        }
+    }
+    ~PhotoFiles() { std::for_each(fds.begin(), fds.end(), close); }
+    std::vector<int> fds;
+};
+
+// The camera application started on the serving device, and its callback object, which
+// records the (sub-service, code) of every call.
+class CameraApp : public Vex::IPCObjectStub {
+public:
+    using Event = std::pair<uint32_t, uint32_t>;
+    static Vex::sptr<CameraApp> Start()
+    {
+        Vex::ScopedIdentity as(CAMERA_PID, CAMERA_UID);
+        return new CameraApp();
+    }
+
+    int OnRemoteRequest(uint32_t, Vex::MessageParcel& data, Vex::MessageParcel& reply, Vex::MessageOption&) override
+    {
+        EXPECT_EQ(data.ReadInterfaceToken(), GetObjectDescriptor());
+        uint32_t values[6] = {};  // service type, sub-service, three reserved, code
+        for (uint32_t& value : values) {
+            value = data.ReadUint32();
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.emplace_back(values[1], values[5]);
+        heard_.notify_all();
+        return reply.WriteInt32(0) ? Vex::ERR_NONE : Vex::ERR_INVALID_DATA;
+    }
+    std::vector<Event> Events()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+    bool AwaitEvents(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return heard_.wait_for(lock, std::chrono::seconds(5), [&] { return events_.size() >= count; });
+    }
+
+    // Subscribes to both events the camera application listens to.
+    void Subscribe()
+    {
+        for (const char* event : {"imageProcessComplete", "imagePreviewCancel"}) {
+            Vex::MessageParcel data;
+            Header(data, 2);
+            data.WriteUint32(0);
+            data.WriteString(event);
+            data.WriteRemoteObject(Vex::sptr<Vex::IRemoteObject>(this));
+            EXPECT_EQ(Send(data), 0);
+        }
+    }
+    // Put image: caller info, mode, error code, count, then the descriptors.
+    int32_t PutImage(int32_t sessionId, uint32_t sendMode, uint32_t count, const std::vector<int>& fds)
+    {
+        Vex::MessageParcel data;
+        Header(data, 3, sessionId);
+        for (uint32_t value : {sendMode, 0u, count}) {
+            data.WriteUint32(value);
+        }
+        for (int fd : fds) {
+            EXPECT_TRUE(data.WriteFileDescriptor(fd));
+        }
+        return Send(data);
+    }
+    // Remote cancel; no session: no caller info at all.
+    int32_t RemoteCancel(std::optional<int32_t> sessionId, uint32_t errCode)
+    {
+        Vex::MessageParcel data;
+        Header(data, 10, sessionId);
+        data.WriteUint32(errCode);
+        return Send(data);
+    }
+
+private:
+    CameraApp() : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback") {}
+
+    static void Header(Vex::MessageParcel& data, uint32_t request, std::optional<int32_t> sessionId = std::nullopt)
+    {
+        data.WriteInterfaceToken(HostServiceStub::GetDescriptor());
+        for (uint32_t value : {uint32_t(SERVICE_TYPE_COLLABORATION_TO_DEVICE), request, 0u, 0u, 0u}) {
+            data.WriteUint32(value);
+        }
+        if (request != 2 && !sessionId.has_value()) {
+            data.WriteInt32(0);  // a null parcelable
+        } else if (request != 2) {
+            Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
+            caller->SetCollaborationSessionId(*sessionId);
+            caller->SetAbilityName("CameraAbility");
+            caller->SetBundleName(CAMERA_BUNDLE);
+            caller->SetDeviceId(TestDevice::DefaultIdentity().networkId);
+            caller->SetDeviceType(0x0E);
+            data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr()));
+        }
+    }
+    int32_t Send(Vex::MessageParcel& data)
+    {
+        Vex::MessageParcel reply;
+        Vex::MessageOption option;
+        Vex::ScopedIdentity as(CAMERA_PID, CAMERA_UID);
+        int32_t status = service_->SendRequest(COLLABORATION_TO_DEVICE_CODE, data, reply, option);
+        return status != Vex::ERR_NONE ? status : reply.ReadInt32();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable heard_;
+    std::vector<Event> events_;
+    Vex::sptr<HostServiceStub> service_ = new HostServiceStub();
+};
+
+class ServingDeviceTest : public ::testing::Test {
+public:
+    void SetUp() override
+    {
+        Vex::Clock::UseSimulatedTime();
+        commandText_ = RequesterCommandText();
+        device_.AddLocalAbility(CameraAbility());
+        device_.AddPeerDevice(TestDevice::PeerIdentity());
+        device_.SetBundleName(CAMERA_UID, CAMERA_BUNDLE);
+        meshline_ = ScriptedMeshlineService::Create(4201, 1000);
+        ASSERT_TRUE(meshline_->Register());
+    }
+    void TearDown() override
+    {
+        AsynThreadPool::WaitIdle();
+        meshline_->WaitForActions();
+        meshline_->Unregister();
+    }
+
+    static AbilityInfo CameraAbility()
+    {
+        AbilityInfo info;
+        info.bundleName = CAMERA_BUNDLE;
+        info.abilityName = "CameraAbility";
+        info.moduleName = "entry";
+        info.action = info.abilityType = TAKE_PHOTO_TYPE;
+        return info;
+    }
+    // The command text exactly as the requesting device's plugin writes it for this device's
+    // camera ability: written in a short-lived view of the requester.
+    static std::string RequesterCommandText()
+    {
+        DeviceIdentity requester = TestDevice::PeerIdentity();
+        TestDevice view(requester);
+        view.AddPeerDevice(TestDevice::DefaultIdentity(), {CameraAbility()});
+        std::string servingUdid = TestDevice::DefaultIdentity().udid;
+        return CameraAbilityProcess::GetInstance()->GenerateTakePhotoReqCommand(
+            servingUdid, new AbilityFilter(TAKE_PHOTO_TYPE),
+            new LocalInfo("com.example.photo", "MainAbility", "entry", requester.udid, requester.deviceType));
+    }
+
+    // The requester opens a control session with its command; returns the device's id of the
+    // session, result gets Execute's outcome.
+    int32_t OpenCollaboration(int32_t& result, const std::string& name = "00000000007-LOCALNETWORKID0001")
+    {
+        int32_t sessionId = device_.Peer().OpenSessionToDevice(REQUESTER, name, commandText_);
+        EXPECT_TRUE(device_.Peer().AwaitOpenResult(sessionId, result));
+        return sessionId;
+    }
+    // A collaboration with its data channel open and registered, its camera subscribed.
+    int32_t OpenCollaborationWithChannel()
+    {
+        meshline_->AnswerApplyResource(GRANTED);
+        int32_t result = -1;
+        int32_t sessionId = OpenCollaboration(result);
+        EXPECT_EQ(result, 0);
+        EXPECT_TRUE(device_.Peer().AwaitChannelsOpened(1));
+        EXPECT_TRUE(AsynThreadPool::WaitIdle());
+        EXPECT_NE(CameraAbilityProcess::GetInstance()->QueryDataChannelId(sessionId), -1);
+        app_->Subscribe();
+        return sessionId;
+    }
+
+    Codes ControlCodes(int32_t sessionId)
+    {
+        Codes codes;
+        for (const auto& message : Decode(device_.Peer().SentOnSession(sessionId))) {
+            codes.push_back(message.code);
+        }
+        return codes;
+    }
+    // The behaviour events a function wrote: (scene, stage, result, error, state) each.
+    std::vector<std::vector<int32_t>> EventsOf(const std::string& func)
+    {
+        std::vector<std::vector<int32_t>> rows;
+        for (const auto& record : events_.Records()) {
+            if (record.func == func) {
+                rows.emplace_back();
+                for (const char* key : {"BIZ_SCENE", "BIZ_STAGE", "STAGE_RES", "ERROR_CODE", "BIZ_STATE"}) {
+                    auto it = std::find_if(record.params.begin(), record.params.end(),
+                                           [key](const auto& param) { return param.first == key; });
+                    rows.back().push_back(it != record.params.end() ? std::get<int32_t>(it->second) : -1);
+                }
+            }
+        }
+        return rows;
+    }
+    // Some event of func starts with these values.
+    bool HasEvent(const std::string& func, const std::vector<int32_t>& values)
+    {
+        auto rows = EventsOf(func);
+        return std::any_of(rows.begin(), rows.end(),
+                           [&](const auto& row) { return std::equal(values.begin(), values.end(), row.begin()); });
+    }
+
+    TestDevice device_;
+    Vex::sptr<ScriptedMeshlineService> meshline_;
+    Vex::SysEventCapture events_;
+    Vex::sptr<CameraApp> app_ = CameraApp::Start();
+    std::string commandText_;
+};
+
+}  // namespace QUEX::Tandra::Testing

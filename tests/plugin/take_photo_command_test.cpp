@@ -1,0 +1,300 @@
+// The take-photo command on the serving device: Execute's refusals, the pre-emption of a
+// running collaboration and the wait for its release, the data channel's opening on a resource
+// grant, and Release in each state the camera can be in.
+#include "take_photo_command.h"
+
+#include <future>
+
+#include "serving_fixture.h"
+
+namespace QUEX::Tandra::Testing {
+using namespace std::chrono_literals;
+
+TEST_F(ServingDeviceTest, RefusedExecuteLeavesNothingBehind)
+{
+    // Wi-Fi off refuses before anything else; a failed start returns its own code.
+    device_.Env().SetWifiState(false);
+    int32_t result = 0;
+    int32_t sessionId = OpenCollaboration(result);
+    EXPECT_EQ(result, 2005);
+    EXPECT_TRUE(meshline_->Requests().empty());
+    EXPECT_TRUE(EventsOf("Execute").empty());
+    device_.Env().SetWifiState(true);
+    device_.Launcher().SetResult(4321);
+    sessionId = OpenCollaboration(result, "00000000008-LOCALNETWORKID0001");
+    EXPECT_EQ(result, 4321);
+    EXPECT_TRUE(HasEvent("Execute", {3, 5, 2, 4321}));
+    EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_NOTIFY_DISCONNECT) + meshline_->RequestCount(APPLY_ADVANCED_RESOURCE),
+              0u);
+    EXPECT_EQ(CameraAbilityProcess::GetInstance()->QueryPutPhotoContext(sessionId), nullptr);
+    EXPECT_EQ(device_.Launcher().StartCount(), 1u);
+}
+
+class PreemptTest : public ServingDeviceTest {
+protected:
+    // A second requester arrives while a collaboration runs: the running one is told to its
+    // requester (1001201905) and to its camera application, and the new command waits.
+    void Preempt()
+    {
+        first_ = OpenCollaborationWithChannel();
+        second_ = device_.Peer().OpenSessionToDevice(REQUESTER, "00000000008-LOCALNETWORKID0001", commandText_);
+        subscription_ = meshline_->WaitForRequest(SUBSCRIBE_SERVICE_STATE);
+        ASSERT_TRUE(subscription_.has_value());
+        ASSERT_TRUE(device_.Peer().AwaitCondition([&] {
+            return ControlCodes(first_) == Codes{CODE_CAMERA_STARTED, CODE_DISCONNECTED_BEFORE_SEND};
+        }));
+        ASSERT_TRUE(app_->AwaitEvents(1));
+        EXPECT_EQ(app_->Events()[0], CameraApp::Event(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED));
+        ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+    }
+    bool SecondOpenDone()
+    {
+        auto sessions = device_.Peer().Sessions();
+        return std::any_of(sessions.begin(), sessions.end(),
+                           [&](auto& s) { return s.sessionId == second_ && s.openDone; });
+    }
+
+    int32_t first_ = -1;
+    int32_t second_ = -1;
+    std::optional<RecordedRequest> subscription_;
+};
+
+TEST_F(PreemptTest, ReleaseOfTheRunningCommandEndsTheWait)
+{
+    // The connection manager tells its subscriber when a device publishes the service free.
+    ScriptedMeshlineService* service = meshline_.GetRefPtr();
+    meshline_->OnRequest(PUBLISH_SERVICE_STATE, [service](const RecordedRequest& publish) {
+        if (publish.ints.at(0) == 1 && service->RequestCount(SUBSCRIBE_SERVICE_STATE) != 0) {
+            auto subscriber = service->Requests(SUBSCRIBE_SERVICE_STATE).back().callback;
+            service->CallServiceStateChanged(subscriber, "", publish.strings.at(1), "", 1, 0);
+        }
+    });
+    Preempt();
+    // Notices that do not free this service leave the wait alone.
+    meshline_->CallServiceStateChanged(subscription_->callback, "", "Tandra", "", 4, 0);
+    meshline_->CallServiceStateChanged(subscription_->callback, "", "Tandra2", "", 1, 0);
+    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), 0u);
+    EXPECT_FALSE(SecondOpenDone());
+    // The requester closes the pre-empted session: its release frees the service, and after a
+    // pause for the old camera application to go, the new camera starts.
+    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(first_)));
+    ASSERT_TRUE(meshline_->WaitForRequest(UNSUBSCRIBE_SERVICE_STATE).has_value());
+    ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+    EXPECT_FALSE(SecondOpenDone());
+    Vex::Clock::Advance(500ms);
+    int32_t result = -1;
+    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second_, result));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(CameraAbilityProcess::GetInstance()->GetCollaborationDataInfo().first, second_);
+    EXPECT_TRUE(device_.Peer().AwaitChannelsOpened(2));
+}
+
+TEST_F(PreemptTest, WaitEndsAfterFiveSeconds)
+{
+    Preempt();
+    Vex::Clock::Advance(5s - 1ms);
+    EXPECT_FALSE(SecondOpenDone());
+    Vex::Clock::Advance(1ms);
+    int32_t result = -1;
+    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second_, result));
+    EXPECT_EQ(result, 2010);
+    EXPECT_TRUE(HasEvent("Execute", {3, 6, 2, 2010}));
+    EXPECT_EQ(device_.Launcher().StartCount(), 1u);
+}
+
+// OpenChannel called as the command's worker calls it, for a command of session 77.
+class ChannelTest : public ServingDeviceTest, public ::testing::WithParamInterface<int> {
+protected:
+    // Answers every resource application with (applicant, service, code); null: this command's.
+    void AnswerApply(const char* applicant, std::string service, int32_t code, bool cameraEnds = false)
+    {
+        ScriptedMeshlineService* meshline = meshline_.GetRefPtr();
+        meshline_->OnRequest(APPLY_ADVANCED_RESOURCE, [=, context = context_](const RecordedRequest& apply) {
+            if (cameraEnds) {
+                context->ChangeCameraStatus(PutPhotoContext::CAMERA_ENDED);
+            }
+            meshline->CallApplyResult(apply.callback, applicant ? applicant : apply.strings.at(0), service, "", 0,
+                                      code);
+        });
+    }
+    int32_t OpenChannel()
+    {
+        auto param = std::make_shared<StartAbilityParam>();
+        param->bundleName = CAMERA_BUNDLE;
+        param->localDeviceId = REQUESTER;
+        return std::make_shared<TakePhotoCommand>(param)->OpenChannel(context_);
+    }
+
+    std::shared_ptr<PutPhotoContext> context_ = std::make_shared<PutPhotoContext>(77);
+};
+
+struct GrantCase {
+    const char* name;
+    int32_t answer;         // 0: no answer at all
+    const char* applicant;  // of the answer, null: this command
+    const char* service;
+    int32_t result;  // 320003 after the whole 15 s wait, unless refused
+};
+
+const GrantCase GRANT_CASES[] = {
+    {"Granted", GRANTED, nullptr, "Tandra", 0},
+    {"Refused", 320003, nullptr, "Tandra", 320003},
+    {"Silence", 0, nullptr, "", 320003},
+    {"OtherDevice", GRANTED, "PEERNETWORKID0002", "Tandra", 320003},
+    {"OtherService", GRANTED, nullptr, "Tandr", 320003},
+    {"NoApplicant", GRANTED, "", "Tandra", 320003},
+};
+
+class GrantTest : public ChannelTest {};
+
+TEST_P(GrantTest, OpensTheChannelOnlyOnThisCommandsGrant)
+{
+    const GrantCase& c = GRANT_CASES[GetParam()];
+    if (c.answer != 0) {
+        AnswerApply(c.applicant, c.service, c.answer);
+    }
+    auto opening = std::async(std::launch::async, [this] { return OpenChannel(); });
+    auto apply = meshline_->WaitForRequest(APPLY_ADVANCED_RESOURCE);
+    ASSERT_TRUE(apply.has_value());
+    EXPECT_EQ(apply->strings, std::vector<std::string>({REQUESTER, "Tandra"}));
+    if (c.result != 0 && c.answer != 320003) {
+        ASSERT_TRUE(meshline_->WaitForActions());
+        ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+        Vex::Clock::Advance(15s - 1ms);
+        EXPECT_EQ(opening.wait_for(0s), std::future_status::timeout);
+        Vex::Clock::Advance(1ms);
+    }
+    ASSERT_EQ(opening.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(opening.get(), c.result);
+    std::vector<ChannelRecord> channels = device_.Peer().Channels();
+    ASSERT_EQ(channels.size(), c.result == 0 ? 1u : 0u);
+    auto published = meshline_->Requests(PUBLISH_SERVICE_STATE);
+    ASSERT_EQ(published.size(), c.result == 0 ? 1u : 0u);
+    if (c.result == 0) {
+        EXPECT_EQ(channels[0].peerDeviceId, REQUESTER);
+        EXPECT_EQ(channels[0].attr.dataType, TYPE_BYTES);
+        EXPECT_EQ(channels[0].attr.linkTypeNum, 9);
+        EXPECT_EQ(CameraAbilityProcess::GetInstance()->QueryDataChannelId(77), channels[0].channelId);
+        EXPECT_EQ(published[0].ints, std::vector<int32_t>({4}));
+    } else {
+        EXPECT_TRUE(HasEvent("IniandApplytResource", {3, 7, 2, 320003}));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, GrantTest, ::testing::Range(0, 6),
+                         [](const auto& info) { return std::string(GRANT_CASES[info.param].name); });
+
+TEST_F(ChannelTest, CameraClosedWhileOpeningClosesTheNewChannel)
+{
+    AnswerApply(nullptr, "Tandra", GRANTED, true);
+    EXPECT_EQ(OpenChannel(), 2011);
+    std::vector<ChannelRecord> channels = device_.Peer().Channels();
+    ASSERT_EQ(channels.size(), 1u);
+    EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(), std::vector<int32_t>({channels[0].channelId}));
+    EXPECT_EQ(meshline_->RequestCount(PUBLISH_SERVICE_STATE), 0u);
+    EXPECT_EQ(CameraAbilityProcess::GetInstance()->QueryDataChannelId(77), -1);
+}
+
+TEST_F(ChannelTest, FailedOpenIsReportedAndWakesSendersAtOnce)
+{
+    device_.Peer().FailChannelOpens(-5);
+    meshline_->AnswerApplyResource(GRANTED);
+    auto sender = std::async(std::launch::async, [this] {
+        CameraMsgHeader header{CODE_PHOTO_COUNT, 1};
+        return CameraAbilityProcess::GetInstance()->SendMsgHeaderByDataChannel(context_, header);
+    });
+    ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+    EXPECT_EQ(OpenChannel(), -5);
+    ASSERT_EQ(sender.wait_for(5s), std::future_status::ready);  // with no clock advance
+    EXPECT_EQ(sender.get(), -5);
+    EXPECT_EQ(context_->GetTransmitChanelStatus(), std::make_pair(-1, -5));
+    EXPECT_TRUE(HasEvent("OpenChannel", {3, 7, 2, 5}));
+    EXPECT_EQ(meshline_->RequestCount(PUBLISH_SERVICE_STATE), 0u);
+}
+
+// Release when the requester closes the session, by camera status.
+enum Camera { RUNNING, NEVER_SUBSCRIBED, PUTTING, PUTTING_OPEN_FAILED, PUTTING_UNGRANTED, ENDED, CANCELLED };
+
+struct ReleaseCase {
+    const char* name;
+    Camera camera;
+    std::vector<int32_t> report;  // the release's event (scene, stage, result, error), empty: none
+    bool cancelToApp;
+    bool channelOpened;
+};
+
+const ReleaseCase RELEASE_CASES[] = {
+    {"RunningAlive", RUNNING, {3, 8, 3, 0}, true, true},
+    {"RunningDead", NEVER_SUBSCRIBED, {3, 8, 2, 461440992}, false, true},
+    {"PuttingOpen", PUTTING, {}, false, true},
+    {"PuttingFailed", PUTTING_OPEN_FAILED, {}, false, false},
+    {"PuttingUnsettled", PUTTING_UNGRANTED, {5, 9, 3, 0}, false, false},
+    {"Ended", ENDED, {}, false, true},
+    {"RemoteCancelled", CANCELLED, {}, false, true},
+};
+
+class ReleaseTest : public ServingDeviceTest, public ::testing::WithParamInterface<ReleaseCase> {};
+
+TEST_P(ReleaseTest, ReportsAndTakesDown)
+{
+    const ReleaseCase& c = GetParam();
+    device_.Peer().FailChannelOpens(c.camera == PUTTING_OPEN_FAILED ? -5 : 0);
+    if (c.camera != PUTTING_UNGRANTED) {
+        meshline_->AnswerApplyResource(GRANTED);
+    }
+    int32_t result = -1;
+    int32_t sessionId = OpenCollaboration(result);
+    ASSERT_EQ(result, 0);
+    ASSERT_TRUE(meshline_->WaitForRequest(APPLY_ADVANCED_RESOURCE).has_value());
+    ASSERT_TRUE(c.camera == PUTTING_UNGRANTED || AsynThreadPool::WaitIdle());
+    if (c.camera != NEVER_SUBSCRIBED) {
+        app_->Subscribe();
+    }
+    auto context = CameraAbilityProcess::GetInstance()->QueryPutPhotoContext(sessionId);
+    PhotoFiles photo({PhotoContent(0, 256)});
+    if (c.camera == PUTTING || c.camera == PUTTING_OPEN_FAILED || c.camera == PUTTING_UNGRANTED) {
+        EXPECT_EQ(app_->PutImage(sessionId, 0, 1, photo.fds), 0);
+        ASSERT_TRUE(app_->AwaitEvents(1));  // told at once that its photos are taken over
+    } else if (c.camera == ENDED || c.camera == CANCELLED) {
+        context->ChangeCameraStatus(c.camera == ENDED ? PutPhotoContext::CAMERA_ENDED
+                                                      : PutPhotoContext::CAMERA_REMOTE_CANCELLED);
+    }
+    ASSERT_TRUE(c.camera == PUTTING_UNGRANTED || AsynThreadPool::WaitIdle());
+    events_.Clear();
+    std::vector<ChannelRecord> channels = device_.Peer().Channels();
+    const size_t heardBefore = app_->Events().size();
+
+    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId)));
+    auto process = CameraAbilityProcess::GetInstance();
+    EXPECT_EQ(process->QueryPutPhotoContext(sessionId), nullptr);
+    EXPECT_EQ(process->QueryDataChannelId(sessionId), -1);
+    EXPECT_TRUE(process->GetCollaborationDataInfo().second.empty());
+    EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(),
+              c.channelOpened ? std::vector<int32_t>{channels.at(0).channelId} : std::vector<int32_t>{});
+    auto published = meshline_->Requests(PUBLISH_SERVICE_STATE);
+    ASSERT_FALSE(published.empty());
+    EXPECT_EQ(published.back().ints, std::vector<int32_t>({1}));
+    EXPECT_EQ(published.back().strings, std::vector<std::string>({REQUESTER_UDID, "Tandra", ""}));
+    auto unsubscribe = meshline_->WaitForRequest(UNSUBSCRIBE_NOTIFY_DISCONNECT);
+    ASSERT_TRUE(unsubscribe.has_value());
+    EXPECT_EQ(unsubscribe->strings, std::vector<std::string>({REQUESTER_UDID, "Tandra"}));
+    std::vector<int32_t> ofTheEnd = c.report;
+    ofTheEnd.push_back(2);  // the event closes the collaboration
+    EXPECT_EQ(EventsOf("RecordCommandReleaseResult"),
+              c.report.empty() ? std::vector<std::vector<int32_t>>{} : std::vector<std::vector<int32_t>>{ofTheEnd});
+    auto heard = app_->Events();
+    ASSERT_EQ(heard.size(), heardBefore + (c.cancelToApp ? 1 : 0));
+    EXPECT_TRUE(!c.cancelToApp || heard.back() == CameraApp::Event(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED));
+    if (c.camera == PUTTING_UNGRANTED) {
+        // The opening still waits for its grant; it runs out and opens nothing.
+        ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+        Vex::Clock::Advance(15s);
+        ASSERT_TRUE(AsynThreadPool::WaitIdle());
+        EXPECT_TRUE(device_.Peer().Channels().empty());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(CameraStatus, ReleaseTest, ::testing::ValuesIn(RELEASE_CASES),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace QUEX::Tandra::Testing
