@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
@@ -21,10 +22,10 @@ constexpr const char* PRIVATE_TEXT = "<private>";
 enum class Length { NONE, HH, H, L, LL, Z, J, T, BIG_L };
 
 template <typename T>
-void AppendFormatted(std::string& out, const std::string& spec, T value)
+void AppendFormatted(std::string& out, const std::string& directive, T value)
 {
     char small[128];
-    int needed = std::snprintf(small, sizeof(small), spec.c_str(), value);
+    int needed = std::snprintf(small, sizeof(small), directive.c_str(), value);
     if (needed < 0) {
         return;
     }
@@ -33,18 +34,18 @@ void AppendFormatted(std::string& out, const std::string& spec, T value)
         return;
     }
     std::string large(static_cast<size_t>(needed) + 1, '\0');
-    std::snprintf(large.data(), large.size(), spec.c_str(), value);
+    std::snprintf(large.data(), large.size(), directive.c_str(), value);
     out.append(large.data(), static_cast<size_t>(needed));
 }
 
 // Reads one conversion's argument with the type its length modifier names (the va_list must
 // advance correctly whether the value is shown or not) and appends it when public.
-void AppendConversion(std::string& out, const std::string& spec, char conversion, Length length, bool isPublic,
+void AppendConversion(std::string& out, const std::string& directive, char conversion, Length length, bool isPublic,
                       va_list& args)
 {
     auto emit = [&](auto value) {
         if (isPublic) {
-            AppendFormatted(out, spec, value);
+            AppendFormatted(out, directive, value);
         } else {
             out += PRIVATE_TEXT;
         }
@@ -127,7 +128,7 @@ void AppendConversion(std::string& out, const std::string& spec, char conversion
             (void)va_arg(args, void*);  // never written through
             break;
         default:
-            out += spec;  // not a conversion: shown as written
+            out += directive;  // not a conversion: shown as written
             break;
     }
 }
@@ -174,12 +175,14 @@ char LevelLetter(LogLevel level)
 
 void WriteToStderr(const LogRecord& record)
 {
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
+    auto now = std::chrono::system_clock::now();
+    std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    long millis =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000);
     struct tm local {};
-    localtime_r(&now.tv_sec, &local);
+    localtime_r(&seconds, &local);
     std::fprintf(stderr, "%02d-%02d %02d:%02d:%02d.%03ld %5d %5ld %c %X/%s: %s\n", local.tm_mon + 1, local.tm_mday,
-                 local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000, static_cast<int>(getpid()),
+                 local.tm_hour, local.tm_min, local.tm_sec, millis, static_cast<int>(getpid()),
                  static_cast<long>(syscall(SYS_gettid)), LevelLetter(record.level), record.domain, record.tag.c_str(),
                  record.message.c_str());
 }
@@ -219,26 +222,26 @@ std::string FormatLogMessageV(const char* fmt, va_list args)
             isPublic = std::string(p + 1, close) == "public";
             p = close + 1;
         }
-        std::string spec = "%";
+        std::string directive = "%";
         while (IsFlag(*p)) {
-            spec += *p++;
+            directive += *p++;
         }
         if (*p == '*') {
-            spec += std::to_string(va_arg(ap, int));
+            directive += std::to_string(va_arg(ap, int));
             ++p;
         } else {
             while (IsDigit(*p)) {
-                spec += *p++;
+                directive += *p++;
             }
         }
         if (*p == '.') {
-            spec += *p++;
+            directive += *p++;
             if (*p == '*') {
-                spec += std::to_string(va_arg(ap, int));
+                directive += std::to_string(va_arg(ap, int));
                 ++p;
             } else {
                 while (IsDigit(*p)) {
-                    spec += *p++;
+                    directive += *p++;
                 }
             }
         }
@@ -261,15 +264,15 @@ std::string FormatLogMessageV(const char* fmt, va_list args)
             length = Length::BIG_L;
         }
         size_t lengthChars = length == Length::NONE ? 0 : (length == Length::HH || length == Length::LL) ? 2 : 1;
-        spec.append(p, lengthChars);
+        directive.append(p, lengthChars);
         p += lengthChars;
         if (*p == '\0') {
             out.append(start);
             break;
         }
         char conversion = *p++;
-        spec += conversion;
-        AppendConversion(out, spec, conversion, length, isPublic, ap);
+        directive += conversion;
+        AppendConversion(out, directive, conversion, length, isPublic, ap);
     }
     va_end(ap);
     return out;
