@@ -48,14 +48,6 @@ std::string Text(const std::vector<Json::Value>& items)
     return array.toStyledString();
 }
 
-Json::Value Parse(const std::string& text)
-{
-    Json::Value root;
-    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, nullptr)) << text;
-    return root;
-}
-
 class RequestTest : public RequestingDeviceTest {
 protected:
     std::vector<std::shared_ptr<StartAbilityParam>> Create(const std::string& text)
@@ -242,12 +234,12 @@ TEST_F(RequestTest, GrantedRequestRepliesFirstThenOpensTheSessionWithTheCommandT
     const Testing::SessionRecord session = device_.Peer().SessionsOpenedByDevice().at(0);
     EXPECT_EQ(session.sessionName, IdText(id) + "-" + peer_.networkId);
     EXPECT_EQ(session.peerNetworkId, peer_.networkId);
-    const Json::Value command = Parse(session.commandText);
+    const auto command = Create(session.commandText);
     ASSERT_EQ(command.size(), 1u);
-    EXPECT_EQ(command[0]["localInfo"]["localBundleName"].asString(), APP_BUNDLE);
-    EXPECT_EQ(command[0]["localInfo"]["localDeviceId"].asString(), device_.Identity().udid);
-    EXPECT_EQ(command[0]["extraData"]["peerBundleName"].asString(), "com.peer.camera");
-    EXPECT_EQ(command[0]["extraData"]["peerAbilityName"].asString(), "CameraAbility");
+    EXPECT_EQ(command[0]->localBundleName, APP_BUNDLE);
+    EXPECT_EQ(command[0]->localDeviceId, device_.Identity().udid);
+    EXPECT_EQ(command[0]->bundleName, "com.peer.camera");
+    EXPECT_EQ(command[0]->abilityName, "CameraAbility");
     ASSERT_TRUE(meshline_->WaitForRequest(Testing::PUBLISH_SERVICE_STATE, 2).has_value());
     EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4}));
     EXPECT_TRUE(Vex::Clock::AwaitWaiters(1));

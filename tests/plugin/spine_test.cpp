@@ -1,7 +1,7 @@
-// The plugin's spine: dispatch and load-time registration, its registries and id parsing, the
-// timed waits on a simulated clock, the UI error
-// codes, and the behaviour events with their limit.
+// The plugin's spine: dispatch and load-time registration, its registries and id parsing, timed
+// waits on a simulated clock, the UI error codes, and the behaviour events with their limit.
 #include <future>
+#include <map>
 
 #include "camera_ability_listener.h"
 #include "dfx_helper.h"
@@ -88,12 +88,10 @@ TEST_F(SpineTest, RegistriesKeepTheFirstValueAndAnswerWithSentinels)
 
 TEST(SpineIdTest, ResolveCollaborationIdAcceptsOnlyADecimalIdBeforeTheDash)
 {
-    const std::pair<std::string, uint32_t> accepted[] = {{"12-abc", 12},
-                                                         {"00000000007-PEERNETWORKID0001", 7},
-                                                         {"4294967295-x", 4294967295u},
-                                                         {"000000000012-x", 12},
-                                                         {"12-", 12},
-                                                         {"1-2-3", 1}};
+    // clang-format off
+    const std::pair<std::string, uint32_t> accepted[] = {{"12-abc", 12}, {"00000000007-PEERNETWORKID0001", 7},
+        {"4294967295-x", 4294967295u}, {"000000000012-x", 12}, {"12-", 12}, {"1-2-3", 1}};
+    // clang-format on
     for (const auto& [text, expected] : accepted) {
         EXPECT_EQ(CameraAbilityProcess::ResolveCollaborationId(text), expected) << text;
     }
@@ -152,18 +150,6 @@ TEST(SpineErrorCodeTest, MapsEveryKnownCodeWhateverTheStatusAndOthersByStatus)
     }
 }
 
-const SysEventValue& Value(const Vex::SysEventRecord& record, const std::string& key)
-{
-    for (const auto& param : record.params) {
-        if (param.first == key) {
-            return param.second;
-        }
-    }
-    ADD_FAILURE() << "no key " << key;
-    static const SysEventValue none;
-    return none;
-}
-
 TEST_F(SpineTest, EventsHaveOneKeyLayoutFixedValuesAndALimitThatStillLogs)
 {
     Vex::VexSysEvent::SetWriteLimit(100, std::chrono::seconds(5));
@@ -197,8 +183,9 @@ TEST_F(SpineTest, EventsHaveOneKeyLayoutFixedValuesAndALimitThatStillLogs)
         {"LOCAL_DEV_TYPE", SysEventValue(std::string("e"))},  // 0x0E
         {"IS_TRUST", SysEventValue(true)},
         {"PEER_NET_ID", SysEventValue(DfxHelper::GetAnonymousID("PEER"))}};
+    std::map<std::string, SysEventValue> params(record.params.begin(), record.params.end());
     for (const auto& [key, value] : values) {
-        EXPECT_EQ(Value(record, key), value) << key;
+        EXPECT_EQ(params[key], value) << key;
     }
 
     // One write per call site within the period: the second is dropped, both are logged.
