@@ -131,6 +131,10 @@ public:
     bool SetTimeoutContext(uint32_t collaborationId, uint32_t code);
     void ReleaseTimeoutLock(uint32_t collaborationId, const std::list<uint32_t>& codes);
     int32_t GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds);
+    // The same wait on a record the caller obtained before: a stop that came in the meantime
+    // ends it at once, where a look-up by key would start a new wait for a finished one.
+    int32_t GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds,
+                               const std::shared_ptr<Pending<int32_t>>& pending);
     static uint32_t GetErrorCode(uint32_t status, uint32_t code);
     void Releaselock();
 

@@ -86,8 +86,13 @@ void CameraAbilityProcess::ReleaseTimeoutLock(uint32_t collaborationId, const st
 
 int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds)
 {
+    return GetTimeoutWaitCode(collaborationId, code, seconds, ObtainImagePending(collaborationId, code));
+}
+
+int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds,
+                                                 const std::shared_ptr<Pending<int32_t>>& pending)
+{
     TNDR_SERVICE_LOGI("enter, TIME_OUT code is %{public}d", code);
-    std::shared_ptr<Pending<int32_t>> pending = ObtainImagePending(collaborationId, code);
     if (pending == nullptr) {
         TNDR_SERVICE_LOGE("pending is null");
         ProcessPhotoEventCommand(ERR_GENERAL, collaborationId, ERROR_MESSAGE);
@@ -103,7 +108,7 @@ int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint3
     } else if (status == PENDING_TIMEOUT && code == CODE_LAST_PHOTO) {
         ProcessPhotoEventCommand(ERR_DATA_TIMEOUT, collaborationId, ERROR_MESSAGE);
     }
-    // The record stays registered: only SetTimeoutContext removes it.
+    // A record that timed out stays registered: only SetTimeoutContext removes it.
     return status;
 }
 

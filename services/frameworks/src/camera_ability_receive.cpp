@@ -48,6 +48,18 @@ std::pair<std::shared_ptr<Pending<int32_t>>, bool> ObtainPhotoWait(
     }
     return {slot, created};
 }
+
+// Starts the photo-data wait on the pool. The task waits on the record it was given, never on
+// one looked up by key when it runs: the last photo may overtake it and release the wait, and
+// a look-up would then start a new wait for a collaboration that is over, left registered to
+// time out later.
+void PostPhotoWait(CameraAbilityProcess* process, uint32_t collaborationId, std::shared_ptr<Pending<int32_t>> pending)
+{
+    int32_t post = AsynThreadPool::AddAsynTask([process, collaborationId, pending = std::move(pending)]() {
+        process->GetTimeoutWaitCode(collaborationId, CODE_LAST_PHOTO, PHOTO_WAIT_SECONDS, pending);
+    });
+    TNDR_SERVICE_LOGI("add async result = %{public}d", post);
+}
 }  // namespace
 
 void CameraAbilityProcess::OnDataReceived(uint32_t collaborationId, const char* data, unsigned long rawDataLen)
@@ -98,14 +110,11 @@ void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uin
         case CODE_PHOTO_COUNT: {
             // The photo wait is registered before the application is told, because photos may
             // already be arriving on the data channel; whoever registers it starts its waiter.
-            const bool created =
-                ObtainPhotoWait(pendingMutex_, pendingWaits_, PendingKey(collaborationId, CODE_LAST_PHOTO)).second;
+            auto [pending, created] =
+                ObtainPhotoWait(pendingMutex_, pendingWaits_, PendingKey(collaborationId, CODE_LAST_PHOTO));
             ProcessNotifyUI(EVENT_PHOTO_COUNT, collaborationId, {CODE_PHOTO_COUNT}, std::to_string(size));
             if (created) {
-                int32_t post = AsynThreadPool::AddAsynTask([this, collaborationId]() {
-                    GetTimeoutWaitCode(collaborationId, CODE_LAST_PHOTO, PHOTO_WAIT_SECONDS);
-                });
-                TNDR_SERVICE_LOGI("add async result = %{public}d", post);
+                PostPhotoWait(this, collaborationId, std::move(pending));
             }
             break;
         }
@@ -210,10 +219,7 @@ void CameraAbilityProcess::ProcessPhotoDataReceived(uint32_t code, uint32_t size
             // Each photo grants the next one a whole new period.
             pending->Refresh(PHOTO_WAIT_SECONDS);
         } else {
-            int32_t post = AsynThreadPool::AddAsynTask([this, collaborationId]() {
-                GetTimeoutWaitCode(collaborationId, CODE_LAST_PHOTO, PHOTO_WAIT_SECONDS);
-            });
-            TNDR_SERVICE_LOGI("add async result = %{public}d", post);
+            PostPhotoWait(this, collaborationId, std::move(pending));
         }
         return;
     }

@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include "camera_ability_process.h"
+#include "tandra_service_utils.h"
 #include "vex_log_tags.h"
 
 namespace QUEX {
@@ -29,8 +30,17 @@ bool CameraAbilityProcess::AddCameraProcess(uint32_t collaborationId, std::share
 bool CameraAbilityProcess::EraseCameraProcess(uint32_t collaborationId)
 {
     TNDR_SERVICE_LOGI("enter");
-    std::unique_lock<std::shared_mutex> lock(registryMutex_);
-    return cameraProcesses_.erase(collaborationId) > 0;
+    bool erased = false;
+    {
+        std::unique_lock<std::shared_mutex> lock(registryMutex_);
+        erased = cameraProcesses_.erase(collaborationId) > 0;
+    }
+    // Every ending of a collaboration passes here, and only the one that removed the record
+    // gives its id back to the host, once.
+    if (erased) {
+        TandraServiceUtils::ReleaseCollaborationId(collaborationId);
+    }
+    return erased;
 }
 
 std::shared_ptr<CameraProcessState> CameraAbilityProcess::QueryCameraProcess(uint32_t collaborationId)

@@ -53,6 +53,13 @@ constexpr int COMM_MAX_LATENCY = 19000;
 constexpr int COMM_MIN_LATENCY = 2000;
 constexpr int COMM_MAX_WAIT_TIME = 10;
 constexpr int COMM_MAX_BUFFER = 0x8000000;
+
+// A cancel (or any other ending) marks the record finished before it erases it.
+bool IsEnded(CameraAbilityProcess& process, uint32_t collaborationId)
+{
+    std::shared_ptr<CameraProcessState> state = process.QueryCameraProcess(collaborationId);
+    return state == nullptr || state->GetStatus() == CameraProcessState::STATUS_FINISHED;
+}
 }  // namespace
 
 std::pair<int32_t, uint32_t> CameraAbilityProcess::ProcessCameraAbilityRequest(sptr<PickerResult> pickerResult,
@@ -273,8 +280,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
 
     // A cancel while the session was being opened has already ended the collaboration: the
     // session must not outlive it.
-    std::shared_ptr<CameraProcessState> state = QueryCameraProcess(collaborationId);
-    if (state == nullptr || state->GetStatus() == CameraProcessState::STATUS_FINISHED) {
+    if (IsEnded(*this, collaborationId)) {
         TNDR_SERVICE_LOGI("already cancel, should stop session");
         DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_REQUEST, DFX::SerCollBizStage::REQUEST_SENT,
                               DFX::StageRes::CANCEL, 0, DFX::BizState::END);
@@ -291,9 +297,24 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
         ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, ERROR_MESSAGE);
         return ERR_INVALID_PARAM;
     }
+    // Every ending marks the record finished before it stops the waits and erases the session
+    // id. With the wait registered first, an ending that this check misses comes later and
+    // stops the wait; one that it sees may have looked for the session id too early, so the
+    // session is stopped here.
+    std::shared_ptr<Pending<int32_t>> firstAnswer = ObtainImagePending(collaborationId, WAIT_CODE_FIRST_ANSWER);
+    if (IsEnded(*this, collaborationId)) {
+        TNDR_SERVICE_LOGI("already cancel, should stop session");
+        DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_REQUEST, DFX::SerCollBizStage::REQUEST_SENT,
+                              DFX::StageRes::CANCEL, 0, DFX::BizState::END);
+        EraseImagePending(PendingKey(collaborationId, WAIT_CODE_FIRST_ANSWER));
+        EraseSessionId(collaborationId);
+        SessionManager::StopCollaborationToDevice(sessionId, false);
+        return result;
+    }
     MeshlineManager::GetInstance().PublishServiceState(networkId, frameworkName_, "", SERVICE_STATE_SESSION_UP);
 
-    int32_t waitResult = GetTimeoutWaitCode(collaborationId, WAIT_CODE_FIRST_ANSWER, FIRST_ANSWER_WAIT_SECONDS);
+    int32_t waitResult =
+        GetTimeoutWaitCode(collaborationId, WAIT_CODE_FIRST_ANSWER, FIRST_ANSWER_WAIT_SECONDS, firstAnswer);
     TNDR_SERVICE_LOGI("TimeoutWait result = %{public}d", waitResult);
     return waitResult;
 }
