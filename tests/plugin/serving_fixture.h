@@ -1,11 +1,8 @@
-// The serving device for component tests: one device with its scripted connection manager and
-// soft bus, the requester's command text as its plugin writes it, the camera application (its
-// callback object, and its requests through the framework service with its own identity),
-// photo files, and readers of what reached the peer, the event log and /proc/self/fd.
-// Time is simulated: a test that wants a wait to run out advances the clock once the waiter is
-// in place (Vex::Clock::AwaitWaiters).
-// Thread-safety: the camera application's callback may be called from any thread; the rest
-// belongs to the test's thread.
+// The serving device for component tests: scripted connection manager and soft bus, the
+// requester's command text as its plugin writes it, the camera application (its callback and its
+// requests with its own identity), photo files, and readers of what reached the peer, the event
+// log and /proc/self/fd. Time is simulated: waits run out only when a test advances the clock.
+// Thread-safety: the application's callback may be called from any thread; the rest is the test's.
 #pragma once
 
 #include <dirent.h>
@@ -15,6 +12,8 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <numeric>
 #include <optional>
 #include <set>
 
@@ -42,6 +41,7 @@ inline const std::string REQUESTER = TestDevice::PeerIdentity().networkId;
 // The requester as its command names it: the resource applicant, the service-state owner.
 inline const std::string REQUESTER_UDID = TestDevice::PeerIdentity().udid;
 using Codes = std::vector<uint32_t>;
+using Rows = std::vector<std::vector<int32_t>>;
 
 // A message as the peer received it: the header, and the payload after it.
 struct PeerMessage {
@@ -79,9 +79,7 @@ inline std::set<int> OpenDescriptors()
 inline std::string PhotoContent(size_t index, size_t length)
 {
     std::string content(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        content[i] = static_cast<char>((i * 31 + index * 7 + 1) & 0xFF);
-    }
+    std::iota(content.begin(), content.end(), static_cast<char>(index * 7 + 1));
     return content;
 }
 
@@ -124,75 +122,65 @@ public:
         heard_.notify_all();
         return reply.WriteInt32(0) ? Vex::ERR_NONE : Vex::ERR_INVALID_DATA;
     }
-    std::vector<Event> Events()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
-    bool AwaitEvents(size_t count)
+    // What the application heard, once it heard at least atLeast calls (or 5 s passed).
+    std::vector<Event> Events(size_t atLeast = 0)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        return heard_.wait_for(lock, std::chrono::seconds(5), [&] { return events_.size() >= count; });
+        heard_.wait_for(lock, std::chrono::seconds(5), [&] { return events_.size() >= atLeast; });
+        return events_;
     }
 
     // Subscribes to both events the camera application listens to.
     void Subscribe()
     {
         for (const char* event : {"imageProcessComplete", "imagePreviewCancel"}) {
-            Vex::MessageParcel data;
-            Header(data, 2);
-            data.WriteUint32(0);
-            data.WriteString(event);
-            data.WriteRemoteObject(Vex::sptr<Vex::IRemoteObject>(this));
-            EXPECT_EQ(Send(data), 0);
+            EXPECT_EQ(Send(2, std::nullopt, {0}, {},
+                           [&](Vex::MessageParcel& data) {
+                               data.WriteString(event);
+                               data.WriteRemoteObject(Vex::sptr<Vex::IRemoteObject>(this));
+                           }),
+                      0);
         }
     }
     // Put image: caller info, mode, error code, count, then the descriptors.
     int32_t PutImage(int32_t sessionId, uint32_t sendMode, uint32_t count, const std::vector<int>& fds)
     {
-        Vex::MessageParcel data;
-        Header(data, 3, sessionId);
-        for (uint32_t value : {sendMode, 0u, count}) {
+        return Send(3, sessionId, {sendMode, 0, count}, fds);
+    }
+    // Remote cancel; no session: no caller info at all.
+    int32_t RemoteCancel(std::optional<int32_t> sessionId, uint32_t errCode) { return Send(10, sessionId, {errCode}); }
+
+private:
+    CameraApp() : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback") {}
+
+    // A request as the application writes it; request 2 carries no caller info.
+    int32_t Send(uint32_t request, std::optional<int32_t> sessionId, const std::vector<uint32_t>& values,
+                 const std::vector<int>& fds = {}, const std::function<void(Vex::MessageParcel&)>& more = nullptr)
+    {
+        Vex::MessageParcel data, reply;
+        data.WriteInterfaceToken(HostServiceStub::GetDescriptor());
+        for (uint32_t value : {uint32_t(SERVICE_TYPE_COLLABORATION_TO_DEVICE), request, 0u, 0u, 0u}) {
+            data.WriteUint32(value);
+        }
+        if (request != 2) {
+            Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
+            caller->SetCollaborationSessionId(sessionId.value_or(0));
+            caller->SetAbilityName("CameraAbility");
+            caller->SetBundleName(CAMERA_BUNDLE);
+            caller->SetDeviceId(TestDevice::DefaultIdentity().networkId);
+            caller->SetDeviceType(0x0E);
+            // No session: a null parcelable.
+            sessionId ? data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr())) : data.WriteInt32(0);
+        }
+        for (uint32_t value : values) {
             data.WriteUint32(value);
         }
         for (int fd : fds) {
             EXPECT_TRUE(data.WriteFileDescriptor(fd));
         }
-        return Send(data);
-    }
-    // Remote cancel; no session: no caller info at all.
-    int32_t RemoteCancel(std::optional<int32_t> sessionId, uint32_t errCode)
-    {
-        Vex::MessageParcel data;
-        Header(data, 10, sessionId);
-        data.WriteUint32(errCode);
-        return Send(data);
-    }
-
-private:
-    CameraApp() : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback") {}
-
-    static void Header(Vex::MessageParcel& data, uint32_t request, std::optional<int32_t> sessionId = std::nullopt)
-    {
-        data.WriteInterfaceToken(HostServiceStub::GetDescriptor());
-        for (uint32_t value : {uint32_t(SERVICE_TYPE_COLLABORATION_TO_DEVICE), request, 0u, 0u, 0u}) {
-            data.WriteUint32(value);
+        if (more) {
+            more(data);
         }
-        if (request != 2 && !sessionId.has_value()) {
-            data.WriteInt32(0);  // a null parcelable
-        } else if (request != 2) {
-            Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
-            caller->SetCollaborationSessionId(*sessionId);
-            caller->SetAbilityName("CameraAbility");
-            caller->SetBundleName(CAMERA_BUNDLE);
-            caller->SetDeviceId(TestDevice::DefaultIdentity().networkId);
-            caller->SetDeviceType(0x0E);
-            data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr()));
-        }
-    }
-    int32_t Send(Vex::MessageParcel& data)
-    {
-        Vex::MessageParcel reply;
         Vex::MessageOption option;
         Vex::ScopedIdentity as(CAMERA_PID, CAMERA_UID);
         int32_t status = service_->SendRequest(COLLABORATION_TO_DEVICE_CODE, data, reply, option);
@@ -226,12 +214,7 @@ public:
 
     static AbilityInfo CameraAbility()
     {
-        AbilityInfo info;
-        info.bundleName = CAMERA_BUNDLE;
-        info.abilityName = "CameraAbility";
-        info.moduleName = "entry";
-        info.action = info.abilityType = TAKE_PHOTO_TYPE;
-        return info;
+        return {CAMERA_BUNDLE, "CameraAbility", "entry", TAKE_PHOTO_TYPE, TAKE_PHOTO_TYPE};
     }
     // The command text exactly as the requesting device's plugin writes it for this device's
     // camera ability: written in a short-lived view of the requester.
@@ -277,9 +260,9 @@ public:
         return codes;
     }
     // The behaviour events a function wrote: (scene, stage, result, error, state) each.
-    std::vector<std::vector<int32_t>> EventsOf(const std::string& func)
+    Rows EventsOf(const std::string& func)
     {
-        std::vector<std::vector<int32_t>> rows;
+        Rows rows;
         for (const auto& record : events_.Records()) {
             if (record.func == func) {
                 rows.emplace_back();

@@ -2,8 +2,6 @@
 // requester's command runs (resources, data channel, camera ability), the camera application
 // subscribes and puts its photos or cancels, and the collaboration ends however it comes;
 // afterwards nothing of it stays registered, no wait runs and no descriptor is left open.
-#include <functional>
-
 #include "collaboration_sessions.h"
 #include "process_registry.h"
 #include "serving_fixture.h"
@@ -25,108 +23,38 @@ public:
         channelId_ = CameraAbilityProcess::GetInstance()->QueryDataChannelId(sessionId_);
         EXPECT_EQ(ControlCodes(sessionId_), Codes{CODE_CAMERA_STARTED});
     }
-    void RequesterCloses() { ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId_))); }
-    void PutPhotos(const std::vector<std::string>& contents)
-    {
-        PhotoFiles files(contents);
-        EXPECT_EQ(app_->PutImage(sessionId_, 0, contents.size(), files.fds), 0);
-    }
 
     std::set<int> descriptors_;
     int32_t sessionId_ = -1;
     int32_t channelId_ = -1;
 };
 
-const std::vector<std::string> PHOTOS = {PhotoContent(0, 2 << 20), PhotoContent(1, (3 << 20) + 5),
-                                         PhotoContent(2, (4 << 20) + 11)};
+enum class End {
+    TAKES_PHOTOS,
+    LINK_DROPS_MID_TRANSFER,
+    REQUESTER_CANCELS,
+    APP_CANCELS,
+    APP_DIES,
+    WIFI_OFF,
+    DISCONNECT
+};
 
 struct ServingEnding {
     const char* name;
-    std::function<void(ServingFlowTest&)> run;  // ends with the requester closing or the link dropping
-    Codes toldToRequester;                      // control codes after "camera started"
-    Codes cancelNotices;                        // what the camera application hears of the end
-    size_t cachedEvents;                        // notices kept for a camera application that is gone
-    bool linkDropped;                           // the link took the data channel down
+    End end;
+    Codes toldToRequester;  // control codes after "camera started"
+    Codes cancelNotices;    // what the camera application hears of the end
+    size_t cachedEvents;    // notices kept for a camera application that is gone
 };
 
 const ServingEnding SERVING_ENDINGS[] = {
-    {"TakesPhotos",
-     [](ServingFlowTest& t) {
-         t.PutPhotos(PHOTOS);
-         ASSERT_TRUE(AsynThreadPool::WaitIdle());
-         std::vector<PeerMessage> data = Decode(t.device_.Peer().SentOnChannel(t.channelId_));
-         ASSERT_EQ(data.size(), PHOTOS.size() + 1);
-         EXPECT_EQ(std::make_pair(data[0].code, data[0].size), std::make_pair(CODE_PHOTO_COUNT, 3u));
-         for (size_t i = 0; i < PHOTOS.size(); ++i) {
-             EXPECT_EQ(data[i + 1].code, i == 2 ? CODE_LAST_PHOTO : CODE_PHOTO);
-             EXPECT_TRUE(data[i + 1].payload == PHOTOS[i]) << "bytes of photo " << i << " differ";
-         }
-         EXPECT_EQ(t.app_->Events(), (std::vector<CameraApp::Event>{{CALLBACK_PUT_IMAGE_RESULT, CODE_LAST_PHOTO}}));
-         t.RequesterCloses();
-     },
-     {CODE_PHOTO_COUNT},
-     {},
-     0,
-     false},
-    // The host releases the command under the running transfer, which gives up.
-    {"LinkDropsMidTransfer",
-     [](ServingFlowTest& t) {
-         t.PutPhotos({PhotoContent(0, 4 << 20), PhotoContent(1, 4 << 20), PhotoContent(2, 4 << 20)});
-         ASSERT_TRUE(t.device_.Peer().AwaitSentOnChannel(t.channelId_, 2));
-         ASSERT_TRUE(t.device_.Peer().AwaitDelivered(t.device_.Peer().DropLink()));
-     },
-     {CODE_PHOTO_COUNT},
-     {},
-     0,
-     true},
-    {"RequesterCancels",
-     [](ServingFlowTest& t) { t.RequesterCloses(); },
-     {},
-     {CODE_LOCAL_TAKE_PHOTO_CANCELLED},
-     0,
-     false},
-    {"CameraApplicationCancels",
-     [](ServingFlowTest& t) {
-         EXPECT_EQ(t.app_->RemoteCancel(t.sessionId_, CODE_CAMERA_APP_FAILURE), 0);
-         t.RequesterCloses();
-     },
-     {CODE_CAMERA_APP_FAILURE},
-     {},
-     0,
-     false},
-    {"CameraApplicationDies",
-     [](ServingFlowTest& t) {
-         Vex::ProcessRegistry::Get().DeclareDead(CAMERA_PID);
-         ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
-         ASSERT_TRUE(AsynThreadPool::WaitIdle());
-         t.RequesterCloses();
-     },
-     {CODE_CAMERA_DIED},
-     {},
-     1,
-     false},
-    {"WifiOff",
-     [](ServingFlowTest& t) {
-         t.device_.SetWifiActive(false);
-         t.RequesterCloses();
-     },
-     {CODE_PEER_WIFI_OFF},
-     {CODE_LOCAL_TAKE_PHOTO_CANCELLED},
-     0,
-     false},
-    {"DisconnectNotice",
-     [](ServingFlowTest& t) {
-         auto subscription = t.meshline_->WaitForRequest(SUBSCRIBE_NOTIFY_DISCONNECT);
-         ASSERT_TRUE(subscription.has_value());
-         EXPECT_EQ(subscription->strings, std::vector<std::string>({REQUESTER_UDID, "Tandra", "disconnect"}));
-         EXPECT_TRUE(
-             t.meshline_->CallDisconnected(subscription->callback, "", REQUESTER_UDID, "disconnect", 0).replied);
-         t.RequesterCloses();
-     },
-     {CODE_DISCONNECTED_BEFORE_SEND},
-     {CODE_LOCAL_TAKE_PHOTO_CANCELLED},
-     0,
-     false},
+    {"TakesPhotos", End::TAKES_PHOTOS, {CODE_PHOTO_COUNT}, {}, 0},
+    {"LinkDropsMidTransfer", End::LINK_DROPS_MID_TRANSFER, {CODE_PHOTO_COUNT}, {}, 0},
+    {"RequesterCancels", End::REQUESTER_CANCELS, {}, {CODE_LOCAL_TAKE_PHOTO_CANCELLED}, 0},
+    {"CameraApplicationCancels", End::APP_CANCELS, {CODE_CAMERA_APP_FAILURE}, {}, 0},
+    {"CameraApplicationDies", End::APP_DIES, {CODE_CAMERA_DIED}, {}, 1},
+    {"WifiOff", End::WIFI_OFF, {CODE_PEER_WIFI_OFF}, {CODE_LOCAL_TAKE_PHOTO_CANCELLED}, 0},
+    {"DisconnectNotice", End::DISCONNECT, {CODE_DISCONNECTED_BEFORE_SEND}, {CODE_LOCAL_TAKE_PHOTO_CANCELLED}, 0},
 };
 
 class ServingEndingTest : public ServingFlowTest, public ::testing::WithParamInterface<ServingEnding> {};
@@ -134,8 +62,45 @@ class ServingEndingTest : public ServingFlowTest, public ::testing::WithParamInt
 TEST_P(ServingEndingTest, ReleasesEverything)
 {
     const ServingEnding& ending = GetParam();
+    const std::vector<std::string> photos = {PhotoContent(0, 2 << 20), PhotoContent(1, (3 << 20) + 5),
+                                             PhotoContent(2, (4 << 20) + 11)};
     Begin();
-    ending.run(*this);
+    if (ending.end == End::TAKES_PHOTOS || ending.end == End::LINK_DROPS_MID_TRANSFER) {
+        PhotoFiles files(photos);
+        EXPECT_EQ(app_->PutImage(sessionId_, 0, photos.size(), files.fds), 0);
+    }
+    if (ending.end == End::TAKES_PHOTOS) {
+        ASSERT_TRUE(AsynThreadPool::WaitIdle());
+        std::vector<PeerMessage> data = Decode(device_.Peer().SentOnChannel(channelId_));
+        ASSERT_EQ(data.size(), photos.size() + 1);
+        EXPECT_EQ(std::make_pair(data[0].code, data[0].size), std::make_pair(CODE_PHOTO_COUNT, 3u));
+        for (size_t i = 0; i < photos.size(); ++i) {
+            EXPECT_EQ(data[i + 1].code, i == 2 ? CODE_LAST_PHOTO : CODE_PHOTO);
+            EXPECT_TRUE(data[i + 1].payload == photos[i]) << "bytes of photo " << i << " differ";
+        }
+        EXPECT_EQ(app_->Events(), (std::vector<CameraApp::Event>{{CALLBACK_PUT_IMAGE_RESULT, CODE_LAST_PHOTO}}));
+    } else if (ending.end == End::LINK_DROPS_MID_TRANSFER) {
+        // The host releases the command under the running transfer, which gives up.
+        ASSERT_TRUE(device_.Peer().AwaitSentOnChannel(channelId_, 2));
+        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().DropLink()));
+    } else if (ending.end == End::APP_CANCELS) {
+        EXPECT_EQ(app_->RemoteCancel(sessionId_, CODE_CAMERA_APP_FAILURE), 0);
+    } else if (ending.end == End::APP_DIES) {
+        Vex::ProcessRegistry::Get().DeclareDead(CAMERA_PID);
+        ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
+        ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    } else if (ending.end == End::WIFI_OFF) {
+        device_.SetWifiActive(false);
+    } else if (ending.end == End::DISCONNECT) {
+        auto subscription = meshline_->WaitForRequest(SUBSCRIBE_NOTIFY_DISCONNECT);
+        ASSERT_TRUE(subscription.has_value());
+        EXPECT_EQ(subscription->strings, std::vector<std::string>({REQUESTER_UDID, "Tandra", "disconnect"}));
+        EXPECT_TRUE(meshline_->CallDisconnected(subscription->callback, "", REQUESTER_UDID, "disconnect", 0).replied);
+    }
+    const bool linkDropped = ending.end == End::LINK_DROPS_MID_TRANSFER;
+    if (!linkDropped) {  // the requester ends the collaboration
+        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId_)));
+    }
     ASSERT_TRUE(device_.Peer().AwaitIdle());
     ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
     ASSERT_TRUE(AsynThreadPool::WaitIdle());
@@ -156,7 +121,7 @@ TEST_P(ServingEndingTest, ReleasesEverything)
     EXPECT_EQ(process->QueryDataChannelId(sessionId_), -1);
     EXPECT_EQ(process->GetCollaborationDataInfo(), (std::pair<int32_t, std::string>{0, ""}));
     EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(),
-              ending.linkDropped ? std::vector<int32_t>{} : std::vector<int32_t>{channelId_});
+              linkDropped ? std::vector<int32_t>{} : std::vector<int32_t>{channelId_});
     // The connection manager hears that the service is free, once, and last.
     std::vector<RecordedRequest> published = meshline_->Requests(PUBLISH_SERVICE_STATE);
     ASSERT_FALSE(published.empty());

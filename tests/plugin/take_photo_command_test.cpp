@@ -30,37 +30,14 @@ TEST_F(ServingDeviceTest, RefusedExecuteLeavesNothingBehind)
     EXPECT_EQ(device_.Launcher().StartCount(), 1u);
 }
 
-class PreemptTest : public ServingDeviceTest {
-protected:
-    // A second requester arrives while a collaboration runs: the running one is told to its
-    // requester (1001201905) and to its camera application, and the new command waits.
-    void Preempt()
-    {
-        first_ = OpenCollaborationWithChannel();
-        second_ = device_.Peer().OpenSessionToDevice(REQUESTER, "00000000008-LOCALNETWORKID0001", commandText_);
-        subscription_ = meshline_->WaitForRequest(SUBSCRIBE_SERVICE_STATE);
-        ASSERT_TRUE(subscription_.has_value());
-        ASSERT_TRUE(device_.Peer().AwaitCondition([&] {
-            return ControlCodes(first_) == Codes{CODE_CAMERA_STARTED, CODE_DISCONNECTED_BEFORE_SEND};
-        }));
-        ASSERT_TRUE(app_->AwaitEvents(1));
-        EXPECT_EQ(app_->Events()[0], CameraApp::Event(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED));
-        ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
-    }
-    bool SecondOpenDone()
-    {
-        auto sessions = device_.Peer().Sessions();
-        return std::any_of(sessions.begin(), sessions.end(),
-                           [&](auto& s) { return s.sessionId == second_ && s.openDone; });
-    }
+// A second requester arrives while a collaboration runs: the running one is told to its requester
+// (1001201905) and to its camera application, and the new command waits for the service to be
+// free (the old command's release, then a pause for the old camera to go) or 5 s.
+class PreemptTest : public ServingDeviceTest, public ::testing::WithParamInterface<bool> {};
 
-    int32_t first_ = -1;
-    int32_t second_ = -1;
-    std::optional<RecordedRequest> subscription_;
-};
-
-TEST_F(PreemptTest, ReleaseOfTheRunningCommandEndsTheWait)
+TEST_P(PreemptTest, WaitsForTheRunningCommandsRelease)
 {
+    const bool released = GetParam();
     // The connection manager tells its subscriber when a device publishes the service free.
     ScriptedMeshlineService* service = meshline_.GetRefPtr();
     meshline_->OnRequest(PUBLISH_SERVICE_STATE, [service](const RecordedRequest& publish) {
@@ -69,38 +46,40 @@ TEST_F(PreemptTest, ReleaseOfTheRunningCommandEndsTheWait)
             service->CallServiceStateChanged(subscriber, "", publish.strings.at(1), "", 1, 0);
         }
     });
-    Preempt();
-    // Notices that do not free this service leave the wait alone.
-    meshline_->CallServiceStateChanged(subscription_->callback, "", "Tandra", "", 4, 0);
-    meshline_->CallServiceStateChanged(subscription_->callback, "", "Tandra2", "", 1, 0);
-    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), 0u);
-    EXPECT_FALSE(SecondOpenDone());
-    // The requester closes the pre-empted session: its release frees the service, and after a
-    // pause for the old camera application to go, the new camera starts.
-    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(first_)));
-    ASSERT_TRUE(meshline_->WaitForRequest(UNSUBSCRIBE_SERVICE_STATE).has_value());
+    int32_t first = OpenCollaborationWithChannel();
+    int32_t second = device_.Peer().OpenSessionToDevice(REQUESTER, "00000000008-LOCALNETWORKID0001", commandText_);
+    auto subscription = meshline_->WaitForRequest(SUBSCRIBE_SERVICE_STATE);
+    ASSERT_TRUE(subscription.has_value());
+    ASSERT_TRUE(device_.Peer().AwaitCondition([&] {
+        return ControlCodes(first) == Codes{CODE_CAMERA_STARTED, CODE_DISCONNECTED_BEFORE_SEND};
+    }));
+    EXPECT_EQ(app_->Events(1), std::vector<CameraApp::Event>({{CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED}}));
     ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
-    EXPECT_FALSE(SecondOpenDone());
-    Vex::Clock::Advance(500ms);
+    // Notices that do not free this service leave the wait alone.
+    meshline_->CallServiceStateChanged(subscription->callback, "", "Tandra", "", 4, 0);
+    meshline_->CallServiceStateChanged(subscription->callback, "", "Tandra2", "", 1, 0);
     int32_t result = -1;
-    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second_, result));
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(CameraAbilityProcess::GetInstance()->GetCollaborationDataInfo().first, second_);
-    EXPECT_TRUE(device_.Peer().AwaitChannelsOpened(2));
+    EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+    if (released) {
+        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(first)));
+        ASSERT_TRUE(meshline_->WaitForRequest(UNSUBSCRIBE_SERVICE_STATE).has_value());
+        ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+        EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+        Vex::Clock::Advance(500ms);
+    } else {
+        Vex::Clock::Advance(5s - 1ms);
+        EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+        Vex::Clock::Advance(1ms);
+    }
+    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second, result));
+    EXPECT_EQ(result, released ? 0 : 2010);
+    EXPECT_EQ(device_.Launcher().StartCount(), released ? 2u : 1u);
+    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), released ? 1u : 0u);
+    EXPECT_TRUE(released || HasEvent("Execute", {3, 6, 2, 2010}));
+    EXPECT_TRUE(!released || device_.Peer().AwaitChannelsOpened(2));
 }
 
-TEST_F(PreemptTest, WaitEndsAfterFiveSeconds)
-{
-    Preempt();
-    Vex::Clock::Advance(5s - 1ms);
-    EXPECT_FALSE(SecondOpenDone());
-    Vex::Clock::Advance(1ms);
-    int32_t result = -1;
-    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second_, result));
-    EXPECT_EQ(result, 2010);
-    EXPECT_TRUE(HasEvent("Execute", {3, 6, 2, 2010}));
-    EXPECT_EQ(device_.Launcher().StartCount(), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(FirstReleased, PreemptTest, ::testing::Bool());
 
 // OpenChannel called as the command's worker calls it, for a command of session 77.
 class ChannelTest : public ServingDeviceTest, public ::testing::WithParamInterface<int> {
@@ -218,17 +197,17 @@ enum Camera { RUNNING, NEVER_SUBSCRIBED, PUTTING, PUTTING_OPEN_FAILED, PUTTING_U
 struct ReleaseCase {
     const char* name;
     Camera camera;
-    std::vector<int32_t> report;  // the release's event (scene, stage, result, error), empty: none
+    std::vector<int32_t> report;  // the release's event (scene, stage, result, error, state), empty: none
     bool cancelToApp;
     bool channelOpened;
 };
 
 const ReleaseCase RELEASE_CASES[] = {
-    {"RunningAlive", RUNNING, {3, 8, 3, 0}, true, true},
-    {"RunningDead", NEVER_SUBSCRIBED, {3, 8, 2, 461440992}, false, true},
+    {"RunningAlive", RUNNING, {3, 8, 3, 0, 2}, true, true},
+    {"RunningDead", NEVER_SUBSCRIBED, {3, 8, 2, 461440992, 2}, false, true},
     {"PuttingOpen", PUTTING, {}, false, true},
     {"PuttingFailed", PUTTING_OPEN_FAILED, {}, false, false},
-    {"PuttingUnsettled", PUTTING_UNGRANTED, {5, 9, 3, 0}, false, false},
+    {"PuttingUnsettled", PUTTING_UNGRANTED, {5, 9, 3, 0, 2}, false, false},
     {"Ended", ENDED, {}, false, true},
     {"RemoteCancelled", CANCELLED, {}, false, true},
 };
@@ -254,15 +233,13 @@ TEST_P(ReleaseTest, ReportsAndTakesDown)
     PhotoFiles photo({PhotoContent(0, 256)});
     if (c.camera == PUTTING || c.camera == PUTTING_OPEN_FAILED || c.camera == PUTTING_UNGRANTED) {
         EXPECT_EQ(app_->PutImage(sessionId, 0, 1, photo.fds), 0);
-        ASSERT_TRUE(app_->AwaitEvents(1));  // told at once that its photos are taken over
+        ASSERT_EQ(app_->Events(1).size(), 1u);  // told at once that its photos are taken over
     } else if (c.camera == ENDED || c.camera == CANCELLED) {
         context->ChangeCameraStatus(c.camera == ENDED ? PutPhotoContext::CAMERA_ENDED
                                                       : PutPhotoContext::CAMERA_REMOTE_CANCELLED);
     }
     ASSERT_TRUE(c.camera == PUTTING_UNGRANTED || AsynThreadPool::WaitIdle());
-    events_.Clear();
     std::vector<ChannelRecord> channels = device_.Peer().Channels();
-    const size_t heardBefore = app_->Events().size();
 
     ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId)));
     auto process = CameraAbilityProcess::GetInstance();
@@ -278,13 +255,10 @@ TEST_P(ReleaseTest, ReportsAndTakesDown)
     auto unsubscribe = meshline_->WaitForRequest(UNSUBSCRIBE_NOTIFY_DISCONNECT);
     ASSERT_TRUE(unsubscribe.has_value());
     EXPECT_EQ(unsubscribe->strings, std::vector<std::string>({REQUESTER_UDID, "Tandra"}));
-    std::vector<int32_t> ofTheEnd = c.report;
-    ofTheEnd.push_back(2);  // the event closes the collaboration
-    EXPECT_EQ(EventsOf("RecordCommandReleaseResult"),
-              c.report.empty() ? std::vector<std::vector<int32_t>>{} : std::vector<std::vector<int32_t>>{ofTheEnd});
+    EXPECT_EQ(EventsOf("RecordCommandReleaseResult"), c.report.empty() ? Rows{} : Rows{c.report});
+    const CameraApp::Event cancel(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED);
     auto heard = app_->Events();
-    ASSERT_EQ(heard.size(), heardBefore + (c.cancelToApp ? 1 : 0));
-    EXPECT_TRUE(!c.cancelToApp || heard.back() == CameraApp::Event(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED));
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), cancel), c.cancelToApp ? 1 : 0);
     if (c.camera == PUTTING_UNGRANTED) {
         // The opening still waits for its grant; it runs out and opens nothing.
         ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
