@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <future>
+#include <tuple>
 
 #include "requesting_fixture.h"
 #include "take_photo_command.h"
@@ -240,6 +241,16 @@ TEST_F(RequestTest, GrantedRequestRepliesFirstThenOpensTheSessionWithTheCommandT
     EXPECT_EQ(command[0]->localDeviceId, device_.Identity().udid);
     EXPECT_EQ(command[0]->bundleName, "com.peer.camera");
     EXPECT_EQ(command[0]->abilityName, "CameraAbility");
+    // The application asked for the peer's camera (shared) and display, over a fast byte link.
+    const auto resource = meshline_->Requests(Testing::APPLY_ADVANCED_RESOURCE).at(0).resource;
+    ASSERT_EQ(resource.remote.size(), 2u);
+    EXPECT_EQ(std::make_tuple(resource.remote[0].type, resource.remote[0].canShare, resource.remote[1].type,
+                              resource.remote[1].canShare, resource.local.size()),
+              std::make_tuple(1u, true, 4u, false, size_t{0}));
+    const auto& link = resource.communication;
+    EXPECT_EQ(std::make_tuple(link.minBandwidth, link.maxLatency, link.minLatency, link.maxWaitTime, link.maxBuffer,
+                              link.dataType),
+              std::make_tuple(0x1400000, 19000, 2000, 10, 0x8000000, std::string("DATA_TYPE_BYTES")));
     ASSERT_TRUE(meshline_->WaitForRequest(Testing::PUBLISH_SERVICE_STATE, 2).has_value());
     EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4}));
     EXPECT_TRUE(Vex::Clock::AwaitWaiters(1));

@@ -330,10 +330,10 @@ public:
 
     // A collaboration whose command went out: the control session is open and the wait for the
     // peer's first answer is in place.
-    Collaboration Start(bool throughService = true)
+    Collaboration Start()
     {
         Collaboration collaboration;
-        auto [result, id] = Request(throughService);
+        auto [result, id] = Request(true);
         EXPECT_EQ(result, 0);
         collaboration.id = id;
         const std::string name = IdText(id) + "-" + peer_.networkId;

@@ -82,8 +82,6 @@ TEST_F(SpineTest, RegistriesKeepTheFirstValueAndAnswerWithSentinels)
     // The first query claims the pid; later ones find it claimed.
     EXPECT_FALSE(process_->QueryIsDeathRecipient(4242));
     EXPECT_TRUE(process_->QueryIsDeathRecipient(4242));
-    process_->EraseDeathRecipientPid(4242);
-    EXPECT_FALSE(process_->QueryIsDeathRecipient(4242));
 }
 
 TEST(SpineIdTest, ResolveCollaborationIdAcceptsOnlyADecimalIdBeforeTheDash)
