@@ -36,6 +36,9 @@ public:
         timeout_ = seconds;
         auto begin = Vex::Clock::Now();
         uint64_t seenRefreshes = refreshes_;
+        // Each wait below returns at the end of every real-time slice; the scope keeps this
+        // thread counted as a clock waiter between them, so a test that awaits it never misses it.
+        Vex::Clock::WaiterScope waiter;
         while (true) {
             if (stopped_) {
                 TNDR_SERVICE_LOGI("wait stop");

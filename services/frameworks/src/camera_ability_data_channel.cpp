@@ -70,6 +70,8 @@ std::pair<int32_t, int32_t> CameraAbilityProcess::QueryDataChannel(std::shared_p
     std::unique_lock<std::mutex> lock(dataChannelMutex_);
     const Clock::TimePoint deadline = Clock::Now() + DATA_CHANNEL_WAIT;
     bool timedOut = false;
+    // Counted as a clock waiter for the whole loop, not only inside each real-time slice.
+    Clock::WaiterScope waiter;
     while (true) {
         channelId = QueryDataChannelId(sessionId);
         if (channelId != NO_CHANNEL) {
