@@ -11,13 +11,8 @@ namespace QUEX::Tandra::Testing {
 
 TEST(PhotoRecordsTest, CallerInfoLosesOnlyItsModuleNameAndPhotoInfoNeverCrosses)
 {
-    sptr<PhotoCallerInfo> info = new PhotoCallerInfo();
-    info->SetCollaborationSessionId(-7);
-    info->SetAbilityName("CameraAbility");
-    info->SetBundleName(CAMERA_BUNDLE);
-    info->SetDeviceId("LOCALNETWORKID0001");
+    sptr<PhotoCallerInfo> info = CameraCaller(-7);
     info->SetModuleName("entry");
-    info->SetDeviceType(0x11);
     MessageParcel parcel;
     ASSERT_TRUE(parcel.WriteStrongParcelable(sptr<Parcelable>(info.GetRefPtr())));
     parcel.WriteUint32(0xABCD);  // what follows in a request must still be readable
@@ -25,7 +20,7 @@ TEST(PhotoRecordsTest, CallerInfoLosesOnlyItsModuleNameAndPhotoInfoNeverCrosses)
     ASSERT_NE(read, nullptr);
     EXPECT_EQ(std::make_tuple(read->GetCollaborationSessionId(), read->GetAbilityName(), read->GetBundleName(),
                               read->GetDeviceId(), read->GetDeviceType(), read->GetModuleName()),
-              std::make_tuple(-7, "CameraAbility", CAMERA_BUNDLE, "LOCALNETWORKID0001", 0x11u, ""));
+              std::make_tuple(-7, "CameraAbility", CAMERA_BUNDLE, "LOCALNETWORKID0001", 0x0Eu, ""));
     EXPECT_EQ(parcel.ReadUint32(), 0xABCDu);
 
     PhotoInfo photos;
@@ -184,9 +179,8 @@ TEST_F(ServingDeviceTest, DescriptorZeroIsSkippedAndReported)
     sptr<PhotoInfo> info = new PhotoInfo();
     info->SetPhotoCount(3);
     info->SetPhotoFdList(fds);
-    sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
-    caller->SetCollaborationSessionId(sessionId);
     auto param = std::make_shared<PhotoParam>(PhotoParam::REQUEST_PUT_IMAGE);
+    sptr<PhotoCallerInfo> caller = CameraCaller(sessionId);
     EXPECT_EQ(process->ProcessPutPhotoRequest(context, info, caller, param), 0);
     ASSERT_TRUE(AsynThreadPool::WaitIdle());
     dup2(savedStdin, 0);

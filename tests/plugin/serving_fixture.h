@@ -5,13 +5,13 @@
 // Thread-safety: the application's callback may be called from any thread; the rest is the test's.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <numeric>
 #include <optional>
@@ -20,8 +20,10 @@
 #include "asyn_thread_pool.h"
 #include "camera_ability_process.h"
 #include "camera_msg_header.h"
+#include "collaboration_sessions.h"
 #include "host_service_stub.h"
 #include "photo_callerInfo.h"
+#include "process_registry.h"
 #include "put_photo_context.h"
 #include "scripted_meshline_service.h"
 #include "test_device.h"
@@ -64,14 +66,10 @@ inline std::vector<PeerMessage> Decode(const std::vector<SentMessage>& sent)
 // The process's open descriptors, from the kernel's own list.
 inline std::set<int> OpenDescriptors()
 {
-    std::set<int> fds;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != dirfd(dir)) {
-            fds.insert(std::atoi(entry->d_name));
-        }
+    std::set<int> fds;  // the listing's own descriptor is the same in equal snapshots
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        fds.insert(std::stoi(entry.path().filename()));
     }
-    closedir(dir);
     return fds;
 }
 
@@ -98,6 +96,18 @@ struct PhotoFiles {
     ~PhotoFiles() { std::for_each(fds.begin(), fds.end(), close); }
     std::vector<int> fds;
 };
+
+// The caller info the camera application puts in its requests.
+inline Vex::sptr<PhotoCallerInfo> CameraCaller(int32_t sessionId)
+{
+    Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
+    caller->SetCollaborationSessionId(sessionId);
+    caller->SetAbilityName("CameraAbility");
+    caller->SetBundleName(CAMERA_BUNDLE);
+    caller->SetDeviceId(TestDevice::DefaultIdentity().networkId);
+    caller->SetDeviceType(0x0E);
+    return caller;
+}
 
 // The camera application started on the serving device, and its callback object, which
 // records the (sub-service, code) of every call.
@@ -162,15 +172,9 @@ private:
         for (uint32_t value : {uint32_t(SERVICE_TYPE_COLLABORATION_TO_DEVICE), request, 0u, 0u, 0u}) {
             data.WriteUint32(value);
         }
-        if (request != 2) {
-            Vex::sptr<PhotoCallerInfo> caller = new PhotoCallerInfo();
-            caller->SetCollaborationSessionId(sessionId.value_or(0));
-            caller->SetAbilityName("CameraAbility");
-            caller->SetBundleName(CAMERA_BUNDLE);
-            caller->SetDeviceId(TestDevice::DefaultIdentity().networkId);
-            caller->SetDeviceType(0x0E);
-            // No session: a null parcelable.
-            sessionId ? data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(caller.GetRefPtr())) : data.WriteInt32(0);
+        if (request != 2) {  // no session: a null parcelable
+            sessionId ? data.WriteStrongParcelable(Vex::sptr<Vex::Parcelable>(CameraCaller(*sessionId).GetRefPtr()))
+                      : data.WriteInt32(0);
         }
         for (uint32_t value : values) {
             data.WriteUint32(value);
@@ -204,6 +208,7 @@ public:
         device_.SetBundleName(CAMERA_UID, CAMERA_BUNDLE);
         meshline_ = ScriptedMeshlineService::Create(4201, 1000);
         ASSERT_TRUE(meshline_->Register());
+        descriptors_ = OpenDescriptors();
     }
     void TearDown() override
     {
@@ -237,7 +242,9 @@ public:
         EXPECT_TRUE(device_.Peer().AwaitOpenResult(sessionId, result));
         return sessionId;
     }
-    // A collaboration with its data channel open and registered, its camera subscribed.
+    // A collaboration with no conflict to wait for: the camera application starts with the
+    // requester's parameters and subscribes, the data channel opens and is registered, and the
+    // requester hears that the camera is up.
     int32_t OpenCollaborationWithChannel()
     {
         meshline_->AnswerApplyResource(GRANTED);
@@ -247,8 +254,38 @@ public:
         EXPECT_TRUE(device_.Peer().AwaitChannelsOpened(1));
         EXPECT_TRUE(AsynThreadPool::WaitIdle());
         EXPECT_NE(CameraAbilityProcess::GetInstance()->QueryDataChannelId(sessionId), -1);
+        EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_SERVICE_STATE), 0u);
+        EXPECT_EQ(device_.Launcher().Starts().at(0).collaborationSessionId, sessionId);
+        EXPECT_EQ(device_.Launcher().Starts().at(0).param.localBundleName, "com.example.photo");
         app_->Subscribe();
+        EXPECT_EQ(ControlCodes(sessionId), Codes{CODE_CAMERA_STARTED});
         return sessionId;
+    }
+
+    // Once the collaboration ended: nothing of it is left, the connection manager heard that the
+    // service is free (once, and last) and lost the disconnect subscription, no wait runs and
+    // every descriptor opened since SetUp is closed.
+    void ExpectReleased(int32_t sessionId, const std::vector<int32_t>& closedChannels)
+    {
+        ASSERT_TRUE(device_.Peer().AwaitIdle());
+        ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
+        ASSERT_TRUE(AsynThreadPool::WaitIdle());
+        auto process = CameraAbilityProcess::GetInstance();
+        EXPECT_EQ(DeviceContext::Get().Sessions().ActiveIncomingCount(), 0u);
+        EXPECT_TRUE(process->GetAllPutPhotoContexts().empty());
+        EXPECT_EQ(process->QueryDataChannelId(sessionId), -1);
+        EXPECT_EQ(process->GetCollaborationDataInfo(), (std::pair<int32_t, std::string>{0, ""}));
+        EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(), closedChannels);
+        std::vector<RecordedRequest> published = meshline_->Requests(PUBLISH_SERVICE_STATE);
+        ASSERT_FALSE(published.empty());
+        EXPECT_EQ(published.back().strings, std::vector<std::string>({REQUESTER_UDID, "Tandra", ""}));
+        EXPECT_EQ(published.back().ints, std::vector<int32_t>{1});
+        EXPECT_EQ(std::count_if(published.begin(), published.end(), [](auto& r) { return r.ints.at(0) == 1; }), 1);
+        auto unsubscribe = meshline_->Requests(UNSUBSCRIBE_NOTIFY_DISCONNECT);
+        ASSERT_EQ(unsubscribe.size(), 1u);
+        EXPECT_EQ(unsubscribe[0].strings, std::vector<std::string>({REQUESTER_UDID, "Tandra"}));
+        EXPECT_EQ(Vex::Clock::WaitingCount(), 0u);
+        EXPECT_EQ(OpenDescriptors(), descriptors_);
     }
 
     Codes ControlCodes(int32_t sessionId)
@@ -288,6 +325,7 @@ public:
     Vex::SysEventCapture events_;
     Vex::sptr<CameraApp> app_ = CameraApp::Start();
     std::string commandText_;
+    std::set<int> descriptors_;
 };
 
 }  // namespace QUEX::Tandra::Testing
