@@ -116,12 +116,10 @@ TEST_P(PutImageTest, SendsWhatItCanAndClosesEveryDescriptor)
     identity.deviceType = c.deviceType;
     device_.Env().SetLocalDevice(identity);
     std::vector<std::string> contents;
-    for (size_t i = 0; i < c.sizes.size(); ++i) {
-        contents.push_back(PhotoContent(i, c.sizes[i]));
-    }
     const std::set<int> before = OpenDescriptors();
     {
-        PhotoFiles files(contents);
+        PhotoFiles files(c.sizes);
+        contents = std::move(files.contents);
         EXPECT_EQ(app_->PutImage(sessionId, c.sendMode, contents.size(), files.fds), c.result);
         if (c.result == 0) {  // while the first runs, a second is refused
             EXPECT_EQ(app_->PutImage(sessionId, 0, 1, {files.fds[0]}), 1017);
@@ -173,8 +171,8 @@ TEST_F(ServingDeviceTest, DescriptorZeroIsSkippedAndReported)
     dup2(devNull, 0);
     close(devNull);
 
-    const std::vector<std::string> contents = {PhotoContent(0, 40), PhotoContent(2, 50)};
-    PhotoFiles files(contents);
+    PhotoFiles files({40, 50});
+    const std::vector<std::string>& contents = std::move(files.contents);
     const std::vector<int32_t> fds = {dup(files.fds[0]), 0, dup(files.fds[1])};
     sptr<PhotoInfo> info = new PhotoInfo();
     info->SetPhotoCount(3);

@@ -73,27 +73,22 @@ inline std::set<int> OpenDescriptors()
     return fds;
 }
 
-// Distinct, recognisable bytes for photo index.
-inline std::string PhotoContent(size_t index, size_t length)
-{
-    std::string content(length, '\0');
-    std::iota(content.begin(), content.end(), static_cast<char>(index * 7 + 1));
-    return content;
-}
-
-// Photo files with these contents, unlinked at once (the descriptors keep them) and closed
-// when the set goes.
+// Photo files of these sizes with distinct, recognisable bytes, unlinked at once (the
+// descriptors keep them) and closed when the set goes.
 struct PhotoFiles {
-    explicit PhotoFiles(const std::vector<std::string>& contents)
+    explicit PhotoFiles(const std::vector<size_t>& sizes)
     {
-        for (const auto& content : contents) {
+        for (size_t size : sizes) {
+            contents.emplace_back(size, '\0');
+            std::iota(contents.back().begin(), contents.back().end(), static_cast<char>(contents.size() * 7));
             char path[] = "/tmp/tandra_photo_XXXXXX";
             fds.push_back(mkstemp(path));
             unlink(path);
-            EXPECT_EQ(write(fds.back(), content.data(), content.size()), static_cast<ssize_t>(content.size()));
+            EXPECT_EQ(write(fds.back(), contents.back().data(), size), static_cast<ssize_t>(size));
         }
     }
     ~PhotoFiles() { std::for_each(fds.begin(), fds.end(), close); }
+    std::vector<std::string> contents;
     std::vector<int> fds;
 };
 

@@ -32,12 +32,12 @@ class ServingEndingTest : public ServingDeviceTest, public ::testing::WithParamI
 TEST_P(ServingEndingTest, ReleasesEverything)
 {
     const ServingEnding& ending = GetParam();
-    const std::vector<std::string> photos = {PhotoContent(0, 2 << 20), PhotoContent(1, (3 << 20) + 5),
-                                             PhotoContent(2, (4 << 20) + 11)};
     const int32_t sessionId = OpenCollaborationWithChannel();
     const int32_t channelId = CameraAbilityProcess::GetInstance()->QueryDataChannelId(sessionId);
+    std::vector<std::string> photos;
     if (ending.end == End::PHOTOS || ending.end == End::LINK_DROP) {
-        PhotoFiles files(photos);
+        PhotoFiles files({2 << 20, (3 << 20) + 5, (4 << 20) + 11});
+        photos = std::move(files.contents);
         EXPECT_EQ(app_->PutImage(sessionId, 0, photos.size(), files.fds), 0);
     }
     if (ending.end == End::PHOTOS) {
