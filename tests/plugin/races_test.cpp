@@ -238,9 +238,10 @@ private:
     size_t held_ = 0;
 };
 
-// Runs an action once, inline, on the thread that logs a line containing the text: the only
-// way into a step that calls out to nothing. Lines are written under the log's recursive lock,
-// so the action may log but must not wait for another thread.
+// Holds the thread that logs a line containing the text at that line until an action has run:
+// the only way into a step that calls out to nothing but the log. The logging thread holds the
+// log's lock meanwhile, so the action runs on a thread of its own with the log silenced (lines
+// below the fatal level are dropped before that lock is taken).
 class LogHook {
 public:
     LogHook(std::string text, std::function<void()> action) : text_(std::move(text)), action_(std::move(action))
@@ -249,7 +250,9 @@ public:
             std::cerr << record.tag << ": " << record.message << "\n";
             if (!fired_ && record.message.find(text_) != std::string::npos) {
                 fired_ = true;
-                action_();
+                Vex::SetLogLevel(Vex::LOG_FATAL);
+                std::thread(action_).join();
+                Vex::SetLogLevel(Vex::LOG_DEBUG);
             }
         });
     }
@@ -472,13 +475,13 @@ INSTANTIATE_TEST_SUITE_P(
 // start). Either way the session ends, the send does not wait and nothing is left.
 TEST_F(RaceTest, CancelBeforeTheSessionIdIsRecordedStopsTheSession)
 {
-    // The cancel runs on the sending thread as it records the session id: the one step between
-    // its check and the record that a test can reach.
+    // The application's cancel comes in as the sending thread is about to record the session
+    // id: the one point between its check for a cancel and the record that a test can reach.
     int32_t cancelResult = -1;
     LogHook hook(", collaborationSessionId is ", [&]() {
         std::shared_ptr<CameraProcessState> state = process_->QueryCameraProcess(peer_.networkId);
         ASSERT_NE(state, nullptr);
-        cancelResult = process_->ProcessCancelTakePhotoRequest(state->GetCollaborationId());
+        cancelResult = Cancel(state->GetCollaborationId());
     });
     const uint32_t collaborationId = Request();
     ASSERT_NE(collaborationId, 0u);
