@@ -80,6 +80,7 @@ struct PutCase {
     size_t delivered;         // the first photos that reach the peer whole
     Codes told;               // on the control session, after "camera started"
     uint32_t putImageResult;  // what the application's callback hears, 0: nothing
+    friend void PrintTo(const PutCase& c, std::ostream* os) { *os << c.name; }
 };
 
 const std::vector<size_t> BATCH = {1, 100 * 1024, 3 * 1024 * 1024 + 5};

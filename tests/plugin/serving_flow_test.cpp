@@ -15,6 +15,7 @@ struct ServingEnding {
     Codes toldToRequester;  // control codes after "camera started"
     Codes cancelNotices;    // what the camera application hears of the end
     size_t cachedEvents;    // notices kept for a camera application that is gone
+    friend void PrintTo(const ServingEnding& c, std::ostream* os) { *os << c.name; }
 };
 
 const ServingEnding SERVING_ENDINGS[] = {

@@ -193,6 +193,7 @@ struct ReleaseCase {
     std::vector<int32_t> report;  // the release's event (scene, stage, result, error, state), empty: none
     bool cancelToApp;
     bool channelOpened;
+    friend void PrintTo(const ReleaseCase& c, std::ostream* os) { *os << c.name; }
 };
 
 const ReleaseCase RELEASE_CASES[] = {
