@@ -33,40 +33,21 @@ TEST(PhotoRecordsTest, CallerInfoLosesOnlyItsModuleNameAndPhotoInfoNeverCrosses)
     EXPECT_EQ(PhotoInfo::Unmarshalling(parcel), nullptr);
 }
 
-// A bus whose data sends fail from the nth on; everything else goes to the scripted peer.
-struct FailingDataEnv : DeviceEnvWrapper, SoftBus {
+// A device whose data sends fail from the nth on.
+struct FailingDataEnv : DeviceEnvWrapper {
     static constexpr int32_t SEND_ERROR = 461374453;
-    FailingDataEnv(std::shared_ptr<TestDeviceEnv> env, size_t failFrom)
-        : DeviceEnvWrapper(env), bus(env->Peer()), failFrom(failFrom)
-    {
-    }
-    SoftBus& GetSoftBus() override { return *this; }
-    void SetListener(SoftBusListener* listener) override { bus.SetListener(listener); }
-    std::pair<int32_t, int32_t> OpenCtrlSession(const std::string& peer, const std::string& name,
-                                                const std::string& text) override
-    {
-        return bus.OpenCtrlSession(peer, name, text);
-    }
-    int32_t CloseCtrlSession(int32_t id, bool notifyPeer) override { return bus.CloseCtrlSession(id, notifyPeer); }
-    bool HasCtrlSession(int32_t id) override { return bus.HasCtrlSession(id); }
-    int32_t SendCtrlMessage(int32_t id, const char* data, uint32_t len, uint32_t type) override
-    {
-        return bus.SendCtrlMessage(id, data, len, type);
-    }
-    std::pair<int32_t, int32_t> OpenDataChannel(const std::string& peer, const SessionAttribute& attr) override
-    {
-        return bus.OpenDataChannel(peer, attr);
-    }
-    int32_t CloseDataChannel(int32_t id) override { return bus.CloseDataChannel(id); }
-    int32_t SendDataMessage(int32_t id, int32_t session, const char* data, uint32_t len, uint32_t type,
-                            bool first) override
-    {
-        return ++sends >= failFrom ? SEND_ERROR : bus.SendDataMessage(id, session, data, len, type, first);
-    }
-
-    SoftBus& bus;
-    const size_t failFrom;
-    std::atomic<size_t> sends{0};
+    struct Bus : ScriptedPeer {
+        int32_t SendDataMessage(int32_t id, int32_t session, const char* data, uint32_t len, uint32_t type,
+                                bool first) override
+        {
+            return ++sends >= failFrom ? SEND_ERROR
+                                       : ScriptedPeer::SendDataMessage(id, session, data, len, type, first);
+        }
+        size_t failFrom = 0;
+        std::atomic<size_t> sends{0};
+    } bus;
+    using DeviceEnvWrapper::DeviceEnvWrapper;
+    SoftBus& GetSoftBus() override { return bus; }
 };
 
 struct PutCase {
@@ -110,7 +91,10 @@ TEST_P(PutImageTest, SendsWhatItCanAndClosesEveryDescriptor)
 {
     const PutCase& c = GetParam();
     if (c.failDataFrom != 0) {
-        DeviceContext::Get().InstallEnv(std::make_shared<FailingDataEnv>(device_.EnvPtr(), c.failDataFrom));
+        auto env = std::make_shared<FailingDataEnv>(device_.EnvPtr());
+        env->bus.failFrom = c.failDataFrom;
+        bus_ = &env->bus;
+        DeviceContext::Get().InstallEnv(env);
     }
     int32_t sessionId = OpenCollaborationWithChannel();
     DeviceIdentity identity = TestDevice::DefaultIdentity();
@@ -130,7 +114,7 @@ TEST_P(PutImageTest, SendsWhatItCanAndClosesEveryDescriptor)
     EXPECT_EQ(OpenDescriptors(), before);
 
     // The count on both channels (unless its data send failed), then the photos, whole.
-    std::vector<SentMessage> sent = device_.Peer().SentOnDataChannelsFor(sessionId);
+    std::vector<SentMessage> sent = Peer().SentOnDataChannelsFor(sessionId);
     std::vector<PeerMessage> data = Decode(sent);
     const size_t counts = c.announced != 0 && c.failDataFrom != 1 ? 1 : 0;
     ASSERT_EQ(data.size(), counts + c.delivered);
@@ -185,7 +169,7 @@ TEST_F(ServingDeviceTest, DescriptorZeroIsSkippedAndReported)
     dup2(savedStdin, 0);
     close(savedStdin);
 
-    std::vector<PeerMessage> data = Decode(device_.Peer().SentOnDataChannelsFor(sessionId));
+    std::vector<PeerMessage> data = Decode(Peer().SentOnDataChannelsFor(sessionId));
     ASSERT_EQ(data.size(), 3u);
     EXPECT_EQ(data[0].size, 3u);
     EXPECT_TRUE(data[1].code == CODE_PHOTO && data[1].payload == contents[0]);

@@ -233,8 +233,8 @@ public:
     // session, result gets Execute's outcome.
     int32_t OpenCollaboration(int32_t& result, const std::string& name = "00000000007-LOCALNETWORKID0001")
     {
-        int32_t sessionId = device_.Peer().OpenSessionToDevice(REQUESTER, name, commandText_);
-        EXPECT_TRUE(device_.Peer().AwaitOpenResult(sessionId, result));
+        int32_t sessionId = Peer().OpenSessionToDevice(REQUESTER, name, commandText_);
+        EXPECT_TRUE(Peer().AwaitOpenResult(sessionId, result));
         return sessionId;
     }
     // A collaboration with no conflict to wait for: the camera application starts with the
@@ -246,7 +246,7 @@ public:
         int32_t result = -1;
         int32_t sessionId = OpenCollaboration(result);
         EXPECT_EQ(result, 0);
-        EXPECT_TRUE(device_.Peer().AwaitChannelsOpened(1));
+        EXPECT_TRUE(Peer().AwaitChannelsOpened(1));
         EXPECT_TRUE(AsynThreadPool::WaitIdle());
         EXPECT_NE(CameraAbilityProcess::GetInstance()->QueryDataChannelId(sessionId), -1);
         EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_SERVICE_STATE), 0u);
@@ -262,7 +262,7 @@ public:
     // every descriptor opened since SetUp is closed.
     void ExpectReleased(int32_t sessionId, const std::vector<int32_t>& closedChannels)
     {
-        ASSERT_TRUE(device_.Peer().AwaitIdle());
+        ASSERT_TRUE(Peer().AwaitIdle());
         ASSERT_TRUE(Vex::ProcessRegistry::Get().WaitForDeathNotices());
         ASSERT_TRUE(AsynThreadPool::WaitIdle());
         auto process = CameraAbilityProcess::GetInstance();
@@ -270,7 +270,7 @@ public:
         EXPECT_TRUE(process->GetAllPutPhotoContexts().empty());
         EXPECT_EQ(process->QueryDataChannelId(sessionId), -1);
         EXPECT_EQ(process->GetCollaborationDataInfo(), (std::pair<int32_t, std::string>{0, ""}));
-        EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(), closedChannels);
+        EXPECT_EQ(Peer().ChannelsClosedByDevice(), closedChannels);
         std::vector<RecordedRequest> published = meshline_->Requests(PUBLISH_SERVICE_STATE);
         ASSERT_FALSE(published.empty());
         EXPECT_EQ(published.back().strings, std::vector<std::string>({REQUESTER_UDID, "Tandra", ""}));
@@ -283,10 +283,13 @@ public:
         EXPECT_EQ(OpenDescriptors(), descriptors_);
     }
 
+    // The bus the device uses: its scripted peer, unless a test installed another one.
+    ScriptedPeer& Peer() { return bus_ != nullptr ? *bus_ : device_.Peer(); }
+
     Codes ControlCodes(int32_t sessionId)
     {
         Codes codes;
-        for (const auto& message : Decode(device_.Peer().SentOnSession(sessionId))) {
+        for (const auto& message : Decode(Peer().SentOnSession(sessionId))) {
             codes.push_back(message.code);
         }
         return codes;
@@ -321,6 +324,7 @@ public:
     Vex::sptr<CameraApp> app_ = CameraApp::Start();
     std::string commandText_;
     std::set<int> descriptors_;
+    ScriptedPeer* bus_ = nullptr;
 };
 
 }  // namespace QUEX::Tandra::Testing

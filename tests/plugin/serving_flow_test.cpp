@@ -43,7 +43,7 @@ TEST_P(ServingEndingTest, ReleasesEverything)
     }
     if (ending.end == End::PHOTOS) {
         ASSERT_TRUE(AsynThreadPool::WaitIdle());
-        std::vector<PeerMessage> data = Decode(device_.Peer().SentOnChannel(channelId));
+        std::vector<PeerMessage> data = Decode(Peer().SentOnChannel(channelId));
         const Codes codes = {CODE_PHOTO_COUNT, CODE_PHOTO, CODE_PHOTO, CODE_LAST_PHOTO};
         ASSERT_EQ(data.size(), codes.size());
         for (size_t i = 0; i < codes.size(); ++i) {
@@ -54,8 +54,8 @@ TEST_P(ServingEndingTest, ReleasesEverything)
         EXPECT_EQ(app_->RemoteCancel(sessionId, CODE_CAMERA_APP_FAILURE), 1017);  // images being put
     } else if (ending.end == End::LINK_DROP) {
         // The host releases the command under the running transfer, which gives up.
-        ASSERT_TRUE(device_.Peer().AwaitSentOnChannel(channelId, 2));
-        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().DropLink()));
+        ASSERT_TRUE(Peer().AwaitSentOnChannel(channelId, 2));
+        ASSERT_TRUE(Peer().AwaitDelivered(Peer().DropLink()));
     } else if (ending.end == End::APP_CANCELS) {
         // Relayed as it is, once, and only for a running camera of a known collaboration.
         EXPECT_EQ(app_->RemoteCancel(std::nullopt, CODE_CAMERA_APP_FAILURE), 1001);
@@ -77,7 +77,7 @@ TEST_P(ServingEndingTest, ReleasesEverything)
     }
     const bool linkDropped = ending.end == End::LINK_DROP;
     if (!linkDropped) {  // the requester ends the collaboration
-        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId)));
+        ASSERT_TRUE(Peer().AwaitDelivered(Peer().CloseSession(sessionId)));
     }
     ExpectReleased(sessionId, linkDropped ? std::vector<int32_t>{} : std::vector<int32_t>{channelId});
     Codes told = ControlCodes(sessionId);

@@ -47,10 +47,10 @@ TEST_P(PreemptTest, WaitsForTheRunningCommandsRelease)
         }
     });
     int32_t first = OpenCollaborationWithChannel();
-    int32_t second = device_.Peer().OpenSessionToDevice(REQUESTER, "00000000008-LOCALNETWORKID0001", commandText_);
+    int32_t second = Peer().OpenSessionToDevice(REQUESTER, "00000000008-LOCALNETWORKID0001", commandText_);
     auto subscription = meshline_->WaitForRequest(SUBSCRIBE_SERVICE_STATE);
     ASSERT_TRUE(subscription.has_value());
-    ASSERT_TRUE(device_.Peer().AwaitCondition([&] {
+    ASSERT_TRUE(Peer().AwaitCondition([&] {
         return ControlCodes(first) == Codes{CODE_CAMERA_STARTED, CODE_DISCONNECTED_BEFORE_SEND};
     }));
     EXPECT_EQ(app_->Events(1), std::vector<CameraApp::Event>({{CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED}}));
@@ -59,24 +59,24 @@ TEST_P(PreemptTest, WaitsForTheRunningCommandsRelease)
     meshline_->CallServiceStateChanged(subscription->callback, "", "Tandra", "", 4, 0);
     meshline_->CallServiceStateChanged(subscription->callback, "", "Tandra2", "", 1, 0);
     int32_t result = -1;
-    EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+    EXPECT_FALSE(Peer().AwaitOpenResult(second, result, 0ms));
     if (released) {
-        ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(first)));
+        ASSERT_TRUE(Peer().AwaitDelivered(Peer().CloseSession(first)));
         ASSERT_TRUE(meshline_->WaitForRequest(UNSUBSCRIBE_SERVICE_STATE).has_value());
         ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
-        EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+        EXPECT_FALSE(Peer().AwaitOpenResult(second, result, 0ms));
         Vex::Clock::Advance(500ms);
     } else {
         Vex::Clock::Advance(5s - 1ms);
-        EXPECT_FALSE(device_.Peer().AwaitOpenResult(second, result, 0ms));
+        EXPECT_FALSE(Peer().AwaitOpenResult(second, result, 0ms));
         Vex::Clock::Advance(1ms);
     }
-    ASSERT_TRUE(device_.Peer().AwaitOpenResult(second, result));
+    ASSERT_TRUE(Peer().AwaitOpenResult(second, result));
     EXPECT_EQ(result, released ? 0 : 2010);
     EXPECT_EQ(device_.Launcher().StartCount(), released ? 2u : 1u);
     EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), released ? 1u : 0u);
     EXPECT_TRUE(released || HasEvent("Execute", {3, 6, 2, 2010}));
-    EXPECT_TRUE(!released || device_.Peer().AwaitChannelsOpened(2));
+    EXPECT_TRUE(!released || Peer().AwaitChannelsOpened(2));
 }
 
 INSTANTIATE_TEST_SUITE_P(FirstReleased, PreemptTest, ::testing::Bool());
@@ -147,9 +147,9 @@ TEST_P(GrantTest, OpensTheChannelOnlyOnThisCommandsGrant)
     }
     ASSERT_EQ(opening.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(opening.get(), c.result);
-    std::vector<ChannelRecord> channels = device_.Peer().Channels();
+    std::vector<ChannelRecord> channels = Peer().Channels();
     ASSERT_EQ(channels.size(), c.result == 320003 ? 0u : 1u);
-    EXPECT_EQ(device_.Peer().ChannelsClosedByDevice(),
+    EXPECT_EQ(Peer().ChannelsClosedByDevice(),
               c.cameraEnds ? std::vector{channels[0].channelId} : std::vector<int32_t>{});
     EXPECT_EQ(CameraAbilityProcess::GetInstance()->QueryDataChannelId(77), c.result == 0 ? channels[0].channelId : -1);
     auto published = meshline_->Requests(PUBLISH_SERVICE_STATE);
@@ -169,7 +169,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, GrantTest, ::testing::Range(0, 7),
 
 TEST_F(ChannelTest, FailedOpenIsReportedAndWakesSendersAtOnce)
 {
-    device_.Peer().FailChannelOpens(-5);
+    Peer().FailChannelOpens(-5);
     meshline_->AnswerApplyResource(GRANTED);
     auto sender = std::async(std::launch::async, [this] {
         CameraMsgHeader header{CODE_PHOTO_COUNT, 1};
@@ -211,7 +211,7 @@ class ReleaseTest : public ServingDeviceTest, public ::testing::WithParamInterfa
 TEST_P(ReleaseTest, ReportsAndTakesDown)
 {
     const ReleaseCase& c = GetParam();
-    device_.Peer().FailChannelOpens(c.camera == PUTTING_OPEN_FAILED ? -5 : 0);
+    Peer().FailChannelOpens(c.camera == PUTTING_OPEN_FAILED ? -5 : 0);
     if (c.camera != PUTTING_UNGRANTED) {
         meshline_->AnswerApplyResource(GRANTED);
     }
@@ -233,9 +233,9 @@ TEST_P(ReleaseTest, ReportsAndTakesDown)
                                                       : PutPhotoContext::CAMERA_REMOTE_CANCELLED);
     }
     ASSERT_TRUE(c.camera == PUTTING_UNGRANTED || AsynThreadPool::WaitIdle());
-    std::vector<ChannelRecord> channels = device_.Peer().Channels();
+    std::vector<ChannelRecord> channels = Peer().Channels();
 
-    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(sessionId)));
+    ASSERT_TRUE(Peer().AwaitDelivered(Peer().CloseSession(sessionId)));
     EXPECT_EQ(EventsOf("RecordCommandReleaseResult"), c.report.empty() ? Rows{} : Rows{c.report});
     auto heard = app_->Events();
     const CameraApp::Event cancel(CALLBACK_CANCEL, CODE_LOCAL_TAKE_PHOTO_CANCELLED);
@@ -245,7 +245,7 @@ TEST_P(ReleaseTest, ReportsAndTakesDown)
         ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
         Vex::Clock::Advance(15s);
         ASSERT_TRUE(AsynThreadPool::WaitIdle());
-        EXPECT_TRUE(device_.Peer().Channels().empty());
+        EXPECT_TRUE(Peer().Channels().empty());
     }
     ExpectReleased(sessionId,
                    c.channelOpened ? std::vector<int32_t>{channels.at(0).channelId} : std::vector<int32_t>{});
