@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "camera_meshline_constants.h"
 #include "dfx_helper.h"
 #include "tandra_service_utils.h"
 #include "vex_log_tags.h"
@@ -17,7 +18,6 @@ namespace {
 const char* const EVENT_DOMAIN = "TANDRA";
 const char* const EVENT_NAME = "SERVICE_COLLABORATION_EVENT";
 constexpr int32_t EVENT_TYPE = 2;
-const char* const ORG_PKG = "Tandra";
 // The soft-bus process that channel and transfer stages call, and the data session's name on
 // both devices (the two plugins open the same session).
 const char* const SOFT_BUS_PKG = "softbus_server";
@@ -29,7 +29,7 @@ void Write(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, i
     const std::string func = site.func != nullptr ? site.func : "";
     // Refused or limited writes are ignored: reporting never changes the flow.
     (void)Vex::VexSysEvent::Write(site.func, site.line, EVENT_DOMAIN, EVENT_NAME, EVENT_TYPE, "FUNC", func, "BIZ_SCENE",
-                                  scene, "BIZ_STAGE", stage, "ORG_PKG", ORG_PKG, "STAGE_RES", res, "ERROR_CODE",
+                                  scene, "BIZ_STAGE", stage, "ORG_PKG", FRAMEWORK_NAME, "STAGE_RES", res, "ERROR_CODE",
                                   errorCode, "TRIGGER_MODE", TriggerMode::AUTO, "COMM_SERV", CommServ::SOFT_BUS, "BIZ",
                                   Biz::CAMERA_COLLABORATION, "LOCAL_UDID",
                                   DfxHelper::GetAnonymousID(TandraServiceUtils::GetLocalUdid()), "LOCAL_NET_ID",

@@ -7,6 +7,9 @@
 #include <new>
 
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_meshline_constants.h"
+#include "camera_result_codes.h"
 #include "host_death_recipient.h"
 #include "meshline_manager.h"
 #include "photo_callerInfo.h"
@@ -19,18 +22,6 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr int32_t ERR_OK = 0;
-constexpr int32_t ERR_INVALID_PARAM = 1001;
-constexpr int32_t ERR_NO_PUT_PHOTO_CONTEXT = 1002;
-constexpr int32_t ERR_CAMERA_STATUS = 1017;
-constexpr int32_t NO_SESSION_ID = -2;
-constexpr int32_t SERVICE_STATE_FREE = 1;
-// Failure codes are reported as the distance above the start of the plugin's code block.
-constexpr uint32_t DFX_ERROR_CODE_BASE = 539761024;
-
-const char* const MSG_ERRORCODE = "errorcode";
-const char* const MSG_STATE = "state";
-
 // Tells the connection manager that this peer's service is free again and stops listening for
 // its disconnection: the collaboration with it is over.
 void ReleasePeer(const std::string& networkId, const std::string& frameworkName)

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "camera_ability_process.h"
+#include "camera_result_codes.h"
 #include "session_manager.h"
 #include "vex_clock.h"
 #include "vex_log_tags.h"
@@ -14,8 +15,6 @@ using namespace Vex;
 
 namespace {
 constexpr int32_t NO_CHANNEL = -1;
-constexpr int32_t ERR_DATA_CHANNEL_TIMEOUT = 461440990;
-constexpr int32_t ERR_NULL_CONTEXT = 1001;
 constexpr auto DATA_CHANNEL_WAIT = std::chrono::seconds(10);
 
 bool IsChannelGivenUp(int32_t status)
@@ -47,7 +46,7 @@ std::pair<int32_t, int32_t> CameraAbilityProcess::QueryDataChannel(std::shared_p
 {
     if (context == nullptr) {
         TNDR_SERVICE_LOGE("context is null");
-        return {ERR_NULL_CONTEXT, NO_CHANNEL};
+        return {ERR_INVALID_PARAM, NO_CHANNEL};
     }
     const int32_t sessionId = context->GetCollaborationSessionId();
     int32_t channelId = QueryDataChannelId(sessionId);
@@ -133,7 +132,7 @@ int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> con
     TNDR_SERVICE_LOGI("enter");
     if (param == nullptr || param->buffer == nullptr) {
         TNDR_SERVICE_LOGE("photo param is null");
-        return ERR_NULL_CONTEXT;
+        return ERR_INVALID_PARAM;
     }
     auto [result, channelId] = QueryDataChannel(context);
     if (result != 0) {

@@ -5,6 +5,7 @@
 
 #include "asyn_thread_pool.h"
 #include "camera_ability_process.h"
+#include "camera_result_codes.h"
 #include "host_death_recipient.h"
 #include "tandra_dfx.h"
 #include "vex_log_tags.h"
@@ -12,10 +13,6 @@
 namespace QUEX {
 namespace Tandra {
 using namespace Vex;
-
-namespace {
-constexpr int32_t ERR_DEATH_RECIPIENT = 1001;
-}  // namespace
 
 int32_t CameraAbilityProcess::RegistDeathRecipientByCollaborationId(uint32_t collaborationId, uint32_t deathCode,
                                                                     const sptr<IRemoteObject>& remoteObject,
@@ -25,14 +22,14 @@ int32_t CameraAbilityProcess::RegistDeathRecipientByCollaborationId(uint32_t col
     sptr<HostDeathRecipient> recipient = new (std::nothrow) HostDeathRecipient(deathCode, remoteObject);
     if (recipient == nullptr) {
         TNDR_SERVICE_LOGE("new HostDeathRecipient failed.");
-        return ERR_DEATH_RECIPIENT;
+        return ERR_INVALID_PARAM;
     }
     recipient->SetCollaborationId(collaborationId);
     recipient->SetDeathRecipient(recipient);
     if (remoteObject == nullptr || !remoteObject->AddDeathRecipient(recipient)) {
         TNDR_SERVICE_LOGE("AddDeathRecipient for Host failed.");
         recipient->SetDeathRecipient(nullptr);
-        return ERR_DEATH_RECIPIENT;
+        return ERR_INVALID_PARAM;
     }
     if (state != nullptr) {
         state->SetRemoteObject(remoteObject);
@@ -69,7 +66,7 @@ int32_t CameraAbilityProcess::RegistDeathRecipientByPid(int32_t pid, uint32_t ev
     if (recipient == nullptr) {
         TNDR_SERVICE_LOGE("new HostDeathRecipient failed.");
         EraseDeathRecipientPid(pid);
-        return ERR_DEATH_RECIPIENT;
+        return ERR_INVALID_PARAM;
     }
     recipient->SetPid(pid);
     recipient->SetEventId(eventId);
@@ -78,7 +75,7 @@ int32_t CameraAbilityProcess::RegistDeathRecipientByPid(int32_t pid, uint32_t ev
         TNDR_SERVICE_LOGE("AddDeathRecipient for Host failed.");
         recipient->SetDeathRecipient(nullptr);
         EraseDeathRecipientPid(pid);
-        return ERR_DEATH_RECIPIENT;
+        return ERR_INVALID_PARAM;
     }
     return 0;
 }

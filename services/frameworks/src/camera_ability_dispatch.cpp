@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "camera_ability_process.h"
+#include "camera_result_codes.h"
 #include "vex_log_tags.h"
 
 namespace QUEX {
@@ -11,7 +12,6 @@ using namespace Vex;
 
 namespace {
 constexpr int32_t ERR_UNKNOWN_REQUEST = 1005;
-constexpr int32_t ERR_INVALID_PARAM = 1001;
 }  // namespace
 
 int32_t CameraAbilityProcess::DispatchRequest(MessageParcel& data, MessageParcel& reply, MessageOption& option,

@@ -5,6 +5,9 @@
 #include "ability_manager.h"
 #include "asyn_thread_pool.h"
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_result_codes.h"
+#include "host_death_recipient.h"
 #include "vex_log_tags.h"
 
 namespace QUEX {
@@ -12,17 +15,10 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr int32_t ERR_INVALID = 1001;
 constexpr int32_t ERR_NOT_DELIVERED = 1007;
 constexpr int32_t ERR_NOT_REGISTERED = 1907;
-constexpr uint32_t DEATH_KIND_SUBSCRIBER = 102;
 constexpr uint32_t UNREGISTER_OK = 1;
 constexpr uint32_t UNREGISTER_FAILED = 2;
-constexpr uint32_t SERVICE_TYPE_EVENT = 101;
-constexpr uint32_t SUB_SERVICE_CANCEL = 106;
-constexpr int32_t CALLBACK_WAIT_SECONDS = 8;
-// The cancel callback carries a text field that the application does not read.
-const char* const CATEGORY_FILLER = "category NO use";
 }  // namespace
 
 int32_t CameraAbilityProcess::CollaborationToEventReq(MessageParcel& data, MessageParcel& /* reply */,
@@ -35,11 +31,12 @@ int32_t CameraAbilityProcess::CollaborationToEventReq(MessageParcel& data, Messa
     sptr<CallbackSkeletonProxy> proxy = iface_cast<CallbackSkeletonProxy>(callback);
     if (proxy == nullptr) {
         TNDR_SERVICE_LOGE("failed to if cast");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
-    if (RegistDeathRecipientByPid(context.pid, collaborationId, DEATH_KIND_SUBSCRIBER, callback) != 0) {
+    if (RegistDeathRecipientByPid(context.pid, collaborationId, HostDeathRecipient::DEATH_KIND_SUBSCRIBER, callback) !=
+        0) {
         TNDR_SERVICE_LOGE("failed to add death recipient");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     int32_t result = ProcessOnEventRequest(context.pid, context.uid, collaborationId, event, proxy);
     TNDR_SERVICE_LOGI("leave, return result = %{public}d", result);
@@ -64,7 +61,7 @@ int32_t CameraAbilityProcess::ProcessOnEventRequest(int32_t pid, int32_t uid, ui
     TNDR_SERVICE_LOGI("enter");
     if (callback == nullptr) {
         TNDR_SERVICE_LOGE("callback = %{public}d", 1);
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     if (QueryOnEventProcess(pid, uid, event) != nullptr) {
         // The first subscription and its callback stay.
@@ -75,7 +72,7 @@ int32_t CameraAbilityProcess::ProcessOnEventRequest(int32_t pid, int32_t uid, ui
     sptr<AppExecFwk::IBundleMgr> bms = abilityManager != nullptr ? abilityManager->GetBundleMgr() : nullptr;
     if (bms == nullptr) {
         TNDR_SERVICE_LOGE("failed to get bms proxy");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     std::string bundleName;
     bms->GetBundleNameForUid(uid, bundleName);
@@ -90,7 +87,7 @@ int32_t CameraAbilityProcess::ProcessOnEventRequest(int32_t pid, int32_t uid, ui
     process->callback = callback;
     if (!AddOnEventProcess(pid, uid, event, process)) {
         TNDR_SERVICE_LOGE("AddCameraProcess is failed");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     if (QueryCacheEventSize() > 0) {
         int32_t post = AsynThreadPool::AddAsynTask([this]() { InvokeCachedEvent(); });
@@ -108,7 +105,7 @@ std::pair<int32_t, uint32_t> CameraAbilityProcess::ProcessOnEventUnregister(int3
     std::string key = StitchingEventToKey(pid, uid, event);
     if (key.empty()) {
         TNDR_SERVICE_LOGE("Key stitching failed.");
-        return {ERR_INVALID, 0};
+        return {ERR_INVALID_PARAM, 0};
     }
     if (QueryOnEventProcess(key) == nullptr) {
         TNDR_SERVICE_LOGE("event:%{public}s is registerd", event.c_str());
@@ -281,19 +278,20 @@ int32_t CameraAbilityProcess::ProcessCancelTakePhotoCallBack(uint32_t code, std:
         return ERR_NOT_DELIVERED;
     }
     MessageParcel data;
-    int32_t requestCode =
-        CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, SERVICE_TYPE_EVENT, SUB_SERVICE_CANCEL, 0, 0, 0);
+    int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, CALLBACK_SERVICE_EVENT,
+                                                                                CALLBACK_SUB_CANCEL, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback five code failed");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
-    if (!data.WriteUint32(code) || !data.WriteUint32(process->collaborationId) || !data.WriteString(CATEGORY_FILLER)) {
+    if (!data.WriteUint32(code) || !data.WriteUint32(process->collaborationId) ||
+        !data.WriteString(CALLBACK_FILLER_TEXT)) {
         TNDR_SERVICE_LOGE("errorCode write failed");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     if (process->callback == nullptr) {
         TNDR_SERVICE_LOGE("callback proxy is null");
-        return ERR_INVALID;
+        return ERR_INVALID_PARAM;
     }
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, CALLBACK_WAIT_SECONDS);

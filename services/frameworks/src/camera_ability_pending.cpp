@@ -4,6 +4,8 @@
 #include <cstdio>
 
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_result_codes.h"
 #include "tandra_dfx.h"
 #include "vex_log_tags.h"
 
@@ -12,10 +14,7 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr int32_t ERR_GENERAL = 1001;
 constexpr uint32_t ERR_PEER_NO_ANSWER = 2012;
-constexpr uint32_t ERR_DATA_TIMEOUT = 2010;
-constexpr uint32_t ERR_BUSY = 2005;
 constexpr uint32_t ERR_REMOTE_REFUSED = 3867803653U;
 
 constexpr uint32_t UI_PEER_UNAVAILABLE = 1001202004;
@@ -25,7 +24,6 @@ constexpr uint32_t UI_WIFI_OFF = 1001202005;
 constexpr uint32_t UI_LINK_LOST = 1001202011;
 constexpr uint32_t UI_GENERAL = 1001202002;
 
-const char* const ERROR_MESSAGE = "errorcode";
 }  // namespace
 
 std::string CameraAbilityProcess::PendingKey(uint32_t collaborationId, uint32_t code)
@@ -95,18 +93,18 @@ int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint3
     TNDR_SERVICE_LOGI("enter, TIME_OUT code is %{public}d", code);
     if (pending == nullptr) {
         TNDR_SERVICE_LOGE("pending is null");
-        ProcessPhotoEventCommand(ERR_GENERAL, collaborationId, ERROR_MESSAGE);
-        return ERR_GENERAL;
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
+        return ERR_INVALID_PARAM;
     }
     const int32_t status = pending->Start(static_cast<int32_t>(seconds)).first;
-    if (status == ERR_GENERAL) {
-        ProcessPhotoEventCommand(ERR_GENERAL, collaborationId, ERROR_MESSAGE);
+    if (status == ERR_INVALID_PARAM) {
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
     } else if (status == PENDING_TIMEOUT && code == CODE_PHOTO_COUNT) {
-        ProcessPhotoEventCommand(ERR_PEER_NO_ANSWER, collaborationId, ERROR_MESSAGE);
+        ProcessPhotoEventCommand(ERR_PEER_NO_ANSWER, collaborationId, MSG_ERRORCODE);
         DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
                               DFX::StageRes::CANCEL, 0, DFX::BizState::END);
     } else if (status == PENDING_TIMEOUT && code == CODE_LAST_PHOTO) {
-        ProcessPhotoEventCommand(ERR_DATA_TIMEOUT, collaborationId, ERROR_MESSAGE);
+        ProcessPhotoEventCommand(ERR_WAIT_TIMEOUT, collaborationId, MSG_ERRORCODE);
     }
     // A record that timed out stays registered: only SetTimeoutContext removes it.
     return status;
@@ -116,7 +114,7 @@ uint32_t CameraAbilityProcess::GetErrorCode(uint32_t status, uint32_t code)
 {
     TNDR_CALLBACK_LOGI("Notify UI error code is %{public}d", code);
     switch (code) {
-        case ERR_BUSY:
+        case ERR_PEER_UNAVAILABLE:
         case CODE_PEER_WIFI_OFF:
             return UI_PEER_UNAVAILABLE;
         case ERR_PEER_NO_ANSWER:

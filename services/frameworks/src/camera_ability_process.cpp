@@ -7,6 +7,7 @@
 
 #include "bundle_mgr.h"
 #include "camera_ability_listener.h"
+#include "camera_meshline_constants.h"
 #include "iremote_broker.h"
 #include "listener_manager.h"
 #include "plugin_loader.h"
@@ -65,7 +66,7 @@ CameraAbilityProcess::CameraAbilityProcess()
     for (const auto& entry : HANDLERS) {
         requestHandlers_.emplace(entry.code, entry.handler);
     }
-    frameworkName_ = "Tandra";
+    frameworkName_ = FRAMEWORK_NAME;
     dataTypeName_ = "DATA_TYPE_BYTES";
     collaborationDataSessionId_ = 0;
     collaborationDataBundleName_.clear();

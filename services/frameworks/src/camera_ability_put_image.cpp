@@ -14,6 +14,8 @@
 #include "asyn_thread_pool.h"
 #include "bounded_copy.h"
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_result_codes.h"
 #include "photo_callerInfo.h"
 #include "tandra_dfx.h"
 #include "tandra_service_utils.h"
@@ -26,18 +28,11 @@ using namespace Vex;
 namespace {
 constexpr uint32_t MAX_PHOTO_COUNT = 1000;
 constexpr uint32_t SEND_MODE_SINGLE_FD = 1;
-constexpr int32_t ERR_INVALID_PARAM = 1001;
-constexpr int32_t ERR_NO_PUT_PHOTO_CONTEXT = 1002;
-constexpr int32_t ERR_CAMERA_STATUS = 1017;
 constexpr int32_t ERR_PHOTO_FILE = 1106;
 constexpr uint32_t DEVICE_TYPE_UNKNOWN = 0x00;
 constexpr uint32_t DEVICE_TYPE_PHONE = 0x0E;
 constexpr uint32_t DEVICE_TYPE_TABLET = 0x11;
-constexpr uint32_t CALLBACK_SERVICE_EVENT = 101;
-constexpr uint32_t CALLBACK_PUT_IMAGE_RESULT = 103;
-constexpr int CALLBACK_WAIT_SECONDS = 8;
 const char* const EVENT_IMAGE_PROCESS_COMPLETE = "imageProcessComplete";
-const char* const CALLBACK_FILLER_TEXT = "category NO use";
 
 // The descriptors came out of the request parcel as our own duplicates; whatever happens to
 // the request, they are closed exactly once. A 0 is ours too (a host without stdin gets it).
@@ -277,7 +272,7 @@ int32_t CameraAbilityProcess::ProcessPutPhotoCallBack(std::shared_ptr<PutPhotoCo
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, CALLBACK_WAIT_SECONDS);
     int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, CALLBACK_SERVICE_EVENT,
-                                                                                CALLBACK_PUT_IMAGE_RESULT, 0, 0, 0);
+                                                                                CALLBACK_SUB_PUT_IMAGE_RESULT, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback five code failed");
         return ERR_INVALID_PARAM;

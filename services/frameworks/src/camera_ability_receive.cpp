@@ -6,6 +6,9 @@
 
 #include "asyn_thread_pool.h"
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_meshline_constants.h"
+#include "camera_result_codes.h"
 #include "tandra_dfx.h"
 #include "vex_log_tags.h"
 
@@ -14,25 +17,9 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr uint32_t ERR_MALFORMED = 1001;
-constexpr int32_t ERR_NO_RECORD = 1001;
 constexpr int32_t ERR_PARCEL_WRITE = 1007;
-constexpr int32_t ERR_INVALID_ARGUMENT = 22;
 constexpr int32_t ERR_SEND_TO_APP = 461374453;
-constexpr int32_t NO_SESSION_MARK = -2;
 constexpr uint32_t PHOTO_WAIT_SECONDS = 10;
-constexpr int32_t CALLBACK_WAIT_SECONDS = 8;
-// Failure codes are reported as the distance above the start of the plugin's code block.
-constexpr uint32_t DFX_ERROR_CODE_BASE = 539761024;
-
-constexpr uint32_t SERVICE_TYPE_EVENT = 101;
-constexpr uint32_t SUB_SERVICE_EVENT = 104;
-constexpr uint32_t SERVICE_TYPE_PHOTO = 102;
-constexpr uint32_t SUB_SERVICE_PHOTO = 105;
-
-const char* const MSG_ERROR = "error";
-const char* const MSG_ERRORCODE = "errorcode";
-const char* const MSG_STATE = "state";
 
 // Finds or creates the photo-data wait in one step under the pending lock, so that the
 // photo-count message and a photo racing in on the other channel agree on who starts the
@@ -66,7 +53,7 @@ void CameraAbilityProcess::OnDataReceived(uint32_t collaborationId, const char* 
 {
     if (data == nullptr || rawDataLen < CAMERA_MSG_HEADER_LEN) {
         TNDR_SERVICE_LOGE("invalid data, rawDataLen = %{public}zu", static_cast<size_t>(rawDataLen));
-        ProcessPhotoEventCommand(ERR_MALFORMED, collaborationId, MSG_ERROR);
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERROR);
         return;
     }
     CameraMsgHeader header;
@@ -79,7 +66,7 @@ void CameraAbilityProcess::OnDataReceived(uint32_t collaborationId, const char* 
     } else if (header.size > rawDataLen || static_cast<uint32_t>(header.size + CAMERA_MSG_HEADER_LEN) != rawDataLen) {
         TNDR_SERVICE_LOGE("length mismatch, size = %{public}u, rawDataLen = %{public}zu", header.size,
                           static_cast<size_t>(rawDataLen));
-        ProcessPhotoEventCommand(ERR_MALFORMED, collaborationId, MSG_ERROR);
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERROR);
         return;
     }
     if (!CheckAndUpdateState(collaborationId, header.code)) {
@@ -173,7 +160,7 @@ int32_t CameraAbilityProcess::ProcessPhotoEventCommand(uint32_t code, uint32_t c
     sptr<CallbackSkeletonProxy> callback = state != nullptr ? state->GetCallBackObject() : nullptr;
     if (callback == nullptr) {
         TNDR_SERVICE_LOGE("query CameraProcess failed");
-        return ERR_NO_RECORD;
+        return ERR_INVALID_PARAM;
     }
     // The stop sequence needs the code as it was reported: a lost control session must not be
     // answered with a stop request on it, and the application only ever sees the mapped code.
@@ -182,11 +169,11 @@ int32_t CameraAbilityProcess::ProcessPhotoEventCommand(uint32_t code, uint32_t c
         code = GetErrorCode(state->GetStatus(), code);
     }
     MessageParcel data;
-    int32_t requestCode =
-        CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, SERVICE_TYPE_EVENT, SUB_SERVICE_EVENT, 0, 0, 0);
+    int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(data, CALLBACK_SERVICE_EVENT,
+                                                                                CALLBACK_SUB_EVENT, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback code failed");
-        return ERR_NO_RECORD;
+        return ERR_INVALID_PARAM;
     }
     if (!data.WriteUint32(code) || !data.WriteUint32(collaborationId) || !data.WriteString(message)) {
         TNDR_SERVICE_LOGE("write to parcel failed");
@@ -260,8 +247,8 @@ int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, 
         return ERR_INVALID_ARGUMENT;
     }
     MessageParcel parcel;
-    int32_t requestCode =
-        CallbackSkeletonProxy::BuildCollaborationCallbackCode(parcel, SERVICE_TYPE_PHOTO, SUB_SERVICE_PHOTO, 0, 0, 0);
+    int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(parcel, CALLBACK_SERVICE_PHOTO,
+                                                                                CALLBACK_SUB_PHOTO, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback code failed");
         return ERR_INVALID_ARGUMENT;
@@ -284,7 +271,7 @@ int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, 
     // Looked up directly rather than through QuerySessionId, which cannot tell a missing
     // entry from the mark of a session that is already gone.
     TNDR_SERVICE_LOGI("collaborationId is %{public}d.", collaborationId);
-    int32_t sessionId = NO_SESSION_MARK;
+    int32_t sessionId = NO_SESSION_ID;
     {
         std::shared_lock<std::shared_mutex> lock(registryMutex_);
         auto it = sessionIds_.find(collaborationId);
@@ -295,7 +282,7 @@ int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, 
         }
         sessionId = it->second;
     }
-    if (sessionId == NO_SESSION_MARK) {
+    if (sessionId == NO_SESSION_ID) {
         return result;
     }
     if (photoSendStatus == EVENT_LAST_PHOTO) {

@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include "camera_ability_process.h"
+#include "camera_meshline_constants.h"
 #include "tandra_service_utils.h"
 #include "vex_log_tags.h"
 
@@ -14,7 +15,6 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr int32_t NO_SESSION_ID = -2;
 // Longest decimal text that can still name a 32-bit id, plus one.
 constexpr size_t MAX_ID_TEXT_LEN = 13;
 constexpr uint64_t ID_LIMIT = 4294967296ULL;

@@ -9,6 +9,10 @@
 #include "asyn_thread_pool.h"
 #include "camera_ability_callbacks.h"
 #include "camera_ability_process.h"
+#include "camera_app_callback.h"
+#include "camera_meshline_constants.h"
+#include "camera_result_codes.h"
+#include "host_death_recipient.h"
 #include "ipc_skeleton.h"
 #include "meshline_info.h"
 #include "meshline_manager.h"
@@ -24,27 +28,16 @@ namespace Tandra {
 using namespace Vex;
 
 namespace {
-constexpr int32_t ERR_OK = 0;
-constexpr int32_t ERR_INVALID_PARAM = 1001;
 constexpr int32_t ERR_NOT_TOP_ABILITY = 1020;
 constexpr int32_t ERR_WIFI_OFF = 2013;
-constexpr int32_t ERR_APPLY_RESOURCE_FAILED = 320003;
-constexpr int32_t ERR_WAIT_TIMEOUT = 2010;
-constexpr int32_t ERR_SESSION_CANCELED = 2005;
-constexpr int32_t ERR_DATA_CHANNEL_TIMEOUT = 461440990;
 
 constexpr uint32_t APPLY_RESULT_GRANTED = 1004720001;
 constexpr auto APPLY_RESOURCE_WAIT = std::chrono::seconds(15);
-constexpr uint32_t DEATH_CODE_COLLABORATION = 101;
-constexpr int32_t SERVICE_STATE_REQUESTING = 2;
-constexpr int32_t SERVICE_STATE_SESSION_UP = 4;
 constexpr uint32_t WAIT_CODE_FIRST_ANSWER = 1001201912;
 constexpr uint32_t FIRST_ANSWER_WAIT_SECONDS = 180;
 
 constexpr int32_t SERVICE_TYPE_CAMERA = 2;
 constexpr int32_t SESSION_TYPE_CONTROL = 1;
-const char* const DISCONNECT_EVENT = "disconnect";
-const char* const ERROR_MESSAGE = "errorcode";
 
 // What the connection manager is asked for: a link able to carry photos, the peer's camera
 // (shared with others) and its display (for us alone).
@@ -242,7 +235,8 @@ uint32_t CameraAbilityProcess::ProcessCameraSessions(const std::string& networkI
         TNDR_SERVICE_LOGE("AddCameraProcess failed.");
         return 0;
     }
-    if (RegistDeathRecipientByCollaborationId(collaborationId, DEATH_CODE_COLLABORATION, callback, state) != ERR_OK) {
+    if (RegistDeathRecipientByCollaborationId(collaborationId, HostDeathRecipient::DEATH_KIND_REQUESTER, callback,
+                                              state) != ERR_OK) {
         EraseCameraProcess(collaborationId);
         TNDR_SERVICE_LOGE("AddDeathRecipient for Host failed.");
         return 0;
@@ -256,7 +250,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
 {
     if (deviceInfo == nullptr || localInfo == nullptr || abilityFilter == nullptr ||
         deviceInfo->GetDeviceNetworkId().empty() || deviceInfo->GetDeviceUdid().empty()) {
-        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, ERROR_MESSAGE);
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
         return ERR_INVALID_PARAM;
     }
     const std::string networkId = deviceInfo->GetDeviceNetworkId();
@@ -288,13 +282,13 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
         return result;
     }
     if (result != ERR_OK) {
-        ProcessPhotoEventCommand(static_cast<uint32_t>(result), collaborationId, ERROR_MESSAGE);
+        ProcessPhotoEventCommand(static_cast<uint32_t>(result), collaborationId, MSG_ERRORCODE);
         HandleSendTakePhotoReqError(result, networkId);
         return result;
     }
     if (!AddSessionId(collaborationId, sessionId)) {
         TNDR_SERVICE_LOGE("AddSessionId for Host failed.");
-        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, ERROR_MESSAGE);
+        ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
         return ERR_INVALID_PARAM;
     }
     // Every ending marks the record finished before it stops the waits and erases the session
@@ -311,7 +305,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
         SessionManager::StopCollaborationToDevice(sessionId, false);
         return result;
     }
-    MeshlineManager::GetInstance().PublishServiceState(networkId, frameworkName_, "", SERVICE_STATE_SESSION_UP);
+    MeshlineManager::GetInstance().PublishServiceState(networkId, frameworkName_, "", SERVICE_STATE_CONNECTED);
 
     int32_t waitResult =
         GetTimeoutWaitCode(collaborationId, WAIT_CODE_FIRST_ANSWER, FIRST_ANSWER_WAIT_SECONDS, firstAnswer);
@@ -323,7 +317,7 @@ void CameraAbilityProcess::HandleSendTakePhotoReqError(int32_t errorCode, const 
 {
     if (errorCode == ERR_WAIT_TIMEOUT) {
         DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_DATA_CHANNEL_TIMEOUT, networkId);
-    } else if (errorCode == ERR_SESSION_CANCELED) {
+    } else if (errorCode == ERR_PEER_UNAVAILABLE) {
         DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::CANCEL, 0, networkId);
     } else {
         DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, errorCode, networkId);

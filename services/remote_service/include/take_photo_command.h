@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "ability_records.h"
+#include "camera_meshline_constants.h"
 #include "command.h"
 #include "put_photo_context.h"
 #include "refbase.h"
@@ -56,15 +57,11 @@ public:
     std::shared_ptr<StartAbilityParam> GetStartAbilityParam() const { return startAbilityParam_; }
 
 private:
-    static constexpr int32_t ERR_WIFI_OFF = 2005;
     static constexpr int32_t ERR_CONTEXT_REFUSED = 2008;
     static constexpr int32_t ERR_CHANNEL_NOT_RECORDED = 2009;
-    static constexpr int32_t ERR_WAIT_TIMEOUT = 2010;
     static constexpr int32_t ERR_CAMERA_CLOSED = 2011;
-    static constexpr int32_t ERR_NO_TASK = 22;
     static constexpr int32_t ERR_NO_PROCESS = 32;
     static constexpr int32_t ERR_ATTR_COPY = 1401;
-    static constexpr int32_t ERR_APPLY_REFUSED = 320003;
 
     std::shared_ptr<StartAbilityParam> startAbilityParam_;
     int32_t reserved_ = 0;
@@ -72,7 +69,7 @@ private:
     std::atomic<int> softBusSessionId_{0};
     int collaborationSessionId_ = 0;
     std::string dataType_ = "DATA_TYPE_BYTES";
-    std::string serviceName_ = "Tandra";
+    std::string serviceName_ = FRAMEWORK_NAME;
     int32_t serviceType_ = 3;
     std::mutex conflictMutex_;
     std::condition_variable conflictCond_;

@@ -7,6 +7,8 @@
 
 #include "asyn_thread_pool.h"
 #include "camera_ability_process.h"
+#include "camera_meshline_constants.h"
+#include "camera_result_codes.h"
 #include "meshline_manager.h"
 #include "soft_bus_adapter.h"
 #include "start_ability_adapter.h"
@@ -23,10 +25,8 @@ namespace {
 constexpr auto CONFLICT_WAIT = std::chrono::seconds(5);
 // Lets the pre-empted collaboration's camera application go before ours starts.
 constexpr auto AFTER_PREEMPT_PAUSE = std::chrono::milliseconds(500);
-constexpr int32_t SERVICE_STATE_FREE = 1;
 constexpr int32_t ERR_CAMERA_DIED = 461440992;
 const char* const EVENT_IMAGE_PREVIEW_CANCEL = "imagePreviewCancel";
-const char* const DISCONNECT_EVENT = "disconnect";
 const char* const START_ABILITY_CALLEE = "AMS";
 }  // namespace
 
@@ -54,7 +54,7 @@ int32_t TakePhotoCommand::Execute(int collaborationSessionId)
     TNDR_SERVICE_LOGI("collaborationSessionId = %{public}d", collaborationSessionId);
     if (!SoftBusAdapter::IsWifiActive()) {
         TNDR_SERVICE_LOGE("wifi not open");
-        return ERR_WIFI_OFF;
+        return ERR_PEER_UNAVAILABLE;
     }
     auto context = std::make_shared<PutPhotoContext>(collaborationSessionId);
     CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
@@ -137,13 +137,13 @@ int32_t TakePhotoCommand::ProcessDisconnect(std::string /*peerDeviceId*/)
     auto [sessionId, bundleName] = process->GetCollaborationDataInfo();
     if (bundleName.empty()) {
         TNDR_SERVICE_LOGE("no current task.");
-        return ERR_NO_TASK;
+        return ERR_INVALID_ARGUMENT;
     }
     TNDR_SERVICE_LOGI("collaborationSessionId = %{public}d", sessionId);
     std::shared_ptr<PutPhotoContext> context = process->QueryPutPhotoContext(sessionId);
     if (context == nullptr) {
         TNDR_SERVICE_LOGE("context is nullptr");
-        return ERR_NO_TASK;
+        return ERR_INVALID_ARGUMENT;
     }
     std::string event = EVENT_IMAGE_PREVIEW_CANCEL;
     process->ProcessCancelTakePhotoCallBack(CODE_LOCAL_TAKE_PHOTO_CANCELLED, event, bundleName);

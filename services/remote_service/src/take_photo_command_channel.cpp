@@ -5,6 +5,8 @@
 
 #include "bounded_copy.h"
 #include "camera_ability_process.h"
+#include "camera_meshline_constants.h"
+#include "camera_result_codes.h"
 #include "meshline_manager.h"
 #include "session_manager.h"
 #include "soft_bus_adapter.h"
@@ -22,9 +24,6 @@ namespace {
 constexpr auto APPLY_WAIT = std::chrono::seconds(15);
 constexpr int32_t RESOURCE_GRANTED = 1004720001;
 constexpr int32_t ERR_ATTR_COPY_FAILED = 461374444;
-constexpr int32_t ERR_INVALID_PARAM = 22;
-constexpr int32_t SERVICE_STATE_TRANSFERRING = 4;
-const char* const MESHLINE_SERVICE_NAME = "Tandra";
 
 // What a photo transfer asks of the link.
 constexpr int MIN_BANDWIDTH = 0x1400000;
@@ -76,7 +75,7 @@ int32_t TakePhotoCommand::OpenChannel(std::shared_ptr<PutPhotoContext> context)
         return openResult;
     }
     DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, peer);
-    MeshlineManager::GetInstance().PublishServiceState(peer, serviceName_, "", SERVICE_STATE_TRANSFERRING);
+    MeshlineManager::GetInstance().PublishServiceState(peer, serviceName_, "", SERVICE_STATE_CONNECTED);
     context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_OPENED, 0);
     bool added = process->AddDataChannelId(context->GetCollaborationSessionId(), sessionId);
     process->Releaselock();
@@ -110,7 +109,7 @@ int32_t TakePhotoCommand::ApplyResource()
     sptr<HardwareRequest> hardware = new (std::nothrow) HardwareRequest(HardwareType::CAMERA, true);
     if (request == nullptr || communication == nullptr || hardware == nullptr) {
         TNDR_SERVICE_LOGE("failed to new ResourceRequest or new CommunicationRequest or new HardwareRequest.");
-        return ERR_INVALID_PARAM;
+        return ERR_INVALID_ARGUMENT;
     }
     communication->SetMaxIdleTime(MAX_IDLE_TIME);
     communication->SetFirstPackge(FIRST_PACKAGE);
@@ -121,7 +120,7 @@ int32_t TakePhotoCommand::ApplyResource()
 
     applyResultCallback_ = new CmdApplyResultCallback(this);
     int32_t result = MeshlineManager::GetInstance().ApplyAdvancedResource(
-        startAbilityParam_->localDeviceId, MESHLINE_SERVICE_NAME, request, applyResultCallback_);
+        startAbilityParam_->localDeviceId, FRAMEWORK_NAME, request, applyResultCallback_);
     if (result != 0) {
         TNDR_SERVICE_LOGE("failed to meshline param check.");
         return result;
@@ -133,7 +132,7 @@ int32_t TakePhotoCommand::ApplyResource()
         return 0;
     }
     TNDR_SERVICE_LOGE("failed to apply resource.");
-    return ERR_APPLY_REFUSED;
+    return ERR_APPLY_RESOURCE_FAILED;
 }
 
 int32_t TakePhotoCommand::InitSessionAttributeForTakePhoto(SessionAttribute& attr)
