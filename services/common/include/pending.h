@@ -13,14 +13,15 @@
 #include <mutex>
 #include <utility>
 
+#include "camera_result_codes.h"
 #include "vex_clock.h"
 #include "vex_log_tags.h"
 
 namespace QUEX {
 namespace Tandra {
 
-constexpr int32_t PENDING_STOPPED = 0;
-constexpr int32_t PENDING_TIMEOUT = 2010;
+constexpr int32_t PENDING_STOPPED = ERR_OK;
+constexpr int32_t PENDING_TIMEOUT = ERR_WAIT_TIMEOUT;
 
 template <typename T>
 class Pending {
