@@ -3,6 +3,7 @@
 #include "camera_process_state.h"
 
 #include <mutex>
+#include <optional>
 
 #include "camera_msg_header.h"
 #include "vex_log_tags.h"
@@ -17,6 +18,35 @@ constexpr uint32_t CODE_RESERVED_FAILURE = 1001201911;
 // The range of peer codes that the reduced table knows.
 constexpr uint32_t REMOTE_CODE_FIRST = CODE_PHOTO_FAILED;
 constexpr uint32_t REMOTE_CODE_LAST = CODE_PHOTO;
+constexpr uint32_t STATUS_WAITING = CameraProcessState::STATUS_WAITING;
+constexpr uint32_t STATUS_RECEIVING = CameraProcessState::STATUS_RECEIVING;
+constexpr uint32_t STATUS_FINISHED = CameraProcessState::STATUS_FINISHED;
+
+bool Move(uint32_t& status, bool allowed, uint32_t next)
+{
+    if (allowed) {
+        status = next;
+    }
+    return allowed;
+}
+
+// The moves of a photo batch that both tables share; nothing for any other code.
+std::optional<bool> BatchTransition(uint32_t& status, uint32_t code)
+{
+    switch (code) {
+        case CODE_PHOTO_COUNT:
+            // The count travels on both channels; only the first copy is taken.
+            return Move(status, status == STATUS_WAITING, STATUS_RECEIVING);
+        case CODE_PHOTO:
+            return Move(status, status != STATUS_FINISHED, STATUS_RECEIVING);
+        case CODE_PHOTO_FAILED:
+            return Move(status, status == STATUS_RECEIVING, STATUS_FINISHED);
+        case CODE_DISCONNECTED_BEFORE_SEND:
+            return Move(status, status == STATUS_WAITING, STATUS_FINISHED);
+        default:
+            return std::nullopt;
+    }
+}
 }  // namespace
 
 CameraProcessState::CameraProcessState(uint32_t collaborationId, const std::string& networkId,
@@ -81,35 +111,14 @@ bool CameraProcessState::UpdateProcessState(uint32_t, uint32_t code)
 {
     std::unique_lock<std::shared_mutex> lock(mutex_);
     TNDR_SERVICE_LOGI("code = %{public}u, state = %{public}u", code, status_);
+    if (code == CODE_CAMERA_STARTED) {
+        TNDR_SERVICE_LOGI("recv camera pull succ code = %{public}u, do nothing", code);
+        return true;
+    }
+    if (std::optional<bool> accepted = BatchTransition(status_, code)) {
+        return *accepted;
+    }
     switch (code) {
-        case CODE_CAMERA_STARTED:
-            TNDR_SERVICE_LOGI("recv camera pull succ code = %{public}u, do nothing", code);
-            return true;
-        case CODE_PHOTO_COUNT:
-            // The count travels on both channels; only the first copy is taken.
-            if (status_ != STATUS_WAITING) {
-                return false;
-            }
-            status_ = STATUS_RECEIVING;
-            return true;
-        case CODE_PHOTO:
-            if (status_ == STATUS_FINISHED) {
-                return false;
-            }
-            status_ = STATUS_RECEIVING;
-            return true;
-        case CODE_PHOTO_FAILED:
-            if (status_ != STATUS_RECEIVING) {
-                return false;
-            }
-            status_ = STATUS_FINISHED;
-            return true;
-        case CODE_DISCONNECTED_BEFORE_SEND:
-            if (status_ != STATUS_WAITING) {
-                return false;
-            }
-            status_ = STATUS_FINISHED;
-            return true;
         case CODE_LAST_PHOTO:
         case CODE_CAMERA_APP_FAILURE:
         case CODE_DEVICE_TYPE_REFUSED:
@@ -118,11 +127,7 @@ bool CameraProcessState::UpdateProcessState(uint32_t, uint32_t code)
         case CODE_RESERVED_FAILURE:
         case CODE_DATA_SEND_FAILED:
             // A single photo may come without a count, so the last photo may end a wait too.
-            if (status_ == STATUS_FINISHED) {
-                return false;
-            }
-            status_ = STATUS_FINISHED;
-            return true;
+            return Move(status_, status_ != STATUS_FINISHED, STATUS_FINISHED);
         default:
             TNDR_SERVICE_LOGE("unknown code, code is %{public}d", code);
             return false;
@@ -131,37 +136,13 @@ bool CameraProcessState::UpdateProcessState(uint32_t, uint32_t code)
 
 bool CameraProcessState::UpdateRemoteState(uint32_t code)
 {
-    switch (code) {
-        case CODE_PHOTO_FAILED:
-            if (status_ != STATUS_RECEIVING) {
-                return false;
-            }
-            status_ = STATUS_FINISHED;
-            return true;
-        case CODE_DISCONNECTED_BEFORE_SEND:
-            if (status_ != STATUS_WAITING) {
-                return false;
-            }
-            status_ = STATUS_FINISHED;
-            return true;
-        case CODE_PHOTO_COUNT:
-            if (status_ != STATUS_WAITING) {
-                return false;
-            }
-            status_ = STATUS_RECEIVING;
-            return true;
-        case CODE_PHOTO:
-            if (status_ == STATUS_FINISHED) {
-                return false;
-            }
-            status_ = STATUS_RECEIVING;
-            return true;
-        default:
-            if (code < REMOTE_CODE_FIRST || code > REMOTE_CODE_LAST) {
-                TNDR_SERVICE_LOGE("unknown code, code is %{public}d", code);
-            }
-            return false;
+    if (std::optional<bool> accepted = BatchTransition(status_, code)) {
+        return *accepted;
     }
+    if (code < REMOTE_CODE_FIRST || code > REMOTE_CODE_LAST) {
+        TNDR_SERVICE_LOGE("unknown code, code is %{public}d", code);
+    }
+    return false;
 }
 
 }  // namespace Tandra
