@@ -106,9 +106,30 @@ public:
         } else {
             call.text = data.ReadString();
         }
+        const uint32_t code = call.code;
         Add(std::move(call));
+        std::function<void()> action;
+        {
+            std::lock_guard<std::mutex> lock(hookMutex_);
+            if (hook_ && hookCode_ == code) {
+                action = std::move(hook_);
+                hook_ = nullptr;
+            }
+        }
+        if (action) {
+            action();
+        }
         reply.WriteInt32(0);
         return 0;
+    }
+
+    // Runs the action once, on the calling thread before the call is answered, when a call with
+    // the code arrives: a test's way to act at the exact point the application hears of a step.
+    void OnCall(uint32_t code, std::function<void()> action)
+    {
+        std::lock_guard<std::mutex> lock(hookMutex_);
+        hookCode_ = code;
+        hook_ = std::move(action);
     }
 
     // Calls of the service type (0: all) and collaboration id (0: any).
@@ -124,11 +145,26 @@ public:
         return calls;
     }
 
+    // The codes of every call, in order.
+    std::vector<uint32_t> Codes() const
+    {
+        std::vector<uint32_t> codes;
+        for (const AppCall& call : Items()) {
+            codes.push_back(call.code);
+        }
+        return codes;
+    }
+
     // Waits for count calls, or for one with the code when it is not 0.
     bool Await(size_t count, uint32_t code = 0, std::chrono::milliseconds timeout = AWAIT)
     {
         return Recorder::Await([code](const AppCall& call) { return code == 0 || call.code == code; }, count, timeout);
     }
+
+private:
+    std::mutex hookMutex_;
+    uint32_t hookCode_ = 0;
+    std::function<void()> hook_;
 };
 
 // A peer message: the 8-byte header, then the payload.
