@@ -56,6 +56,48 @@ private:
     bool committed_ = false;
 };
 
+// A vector is an Int32 count then its items; a failed write leaves the parcel as it was.
+template <typename T, typename WriteOne>
+bool WriteVector(Parcel& parcel, const std::vector<T>& value, WriteOne writeOne)
+{
+    if (value.size() > static_cast<size_t>(INT32_MAX)) {
+        return false;
+    }
+    const size_t start = parcel.GetWritePosition();
+    bool ok = parcel.WriteInt32(static_cast<int32_t>(value.size()));
+    for (size_t i = 0; ok && i < value.size(); ++i) {
+        ok = writeOne(parcel, value[i]);
+    }
+    if (!ok) {
+        parcel.RewindWrite(start);
+    }
+    return ok;
+}
+
+// Refuses a count the readable bytes cannot hold before allocating anything; a failed read
+// leaves the read position where it was.
+template <typename T, typename ReadOne>
+bool ReadVector(Parcel& parcel, std::vector<T>* value, size_t minItemSize, ReadOne readOne)
+{
+    if (value == nullptr) {
+        return false;
+    }
+    ReadTransaction transaction(parcel);
+    int32_t count = 0;
+    if (!parcel.ReadInt32(count) || count < 0 || static_cast<size_t>(count) > parcel.GetReadableBytes() / minItemSize) {
+        return false;
+    }
+    std::vector<T> result(static_cast<size_t>(count));
+    for (auto& item : result) {
+        if (!readOne(parcel, item)) {
+            return false;
+        }
+    }
+    value->swap(result);
+    transaction.Commit();
+    return true;
+}
+
 }  // namespace
 
 Parcel::Parcel() : maxCapacity_(DEFAULT_MAX_CAPACITY) {}
@@ -182,50 +224,17 @@ bool Parcel::WriteBuffer(const void* data, size_t size)
 
 bool Parcel::WriteInt32Vector(const std::vector<int32_t>& value)
 {
-    if (value.size() > static_cast<size_t>(INT32_MAX)) {
-        return false;
-    }
-    size_t start = data_.size();
-    bool ok = WriteInt32(static_cast<int32_t>(value.size()));
-    for (size_t i = 0; ok && i < value.size(); ++i) {
-        ok = WriteInt32(value[i]);
-    }
-    if (!ok) {
-        RewindWrite(start);
-    }
-    return ok;
+    return WriteVector(*this, value, [](Parcel& parcel, int32_t item) { return parcel.WriteInt32(item); });
 }
 
 bool Parcel::WriteUInt32Vector(const std::vector<uint32_t>& value)
 {
-    if (value.size() > static_cast<size_t>(INT32_MAX)) {
-        return false;
-    }
-    size_t start = data_.size();
-    bool ok = WriteInt32(static_cast<int32_t>(value.size()));
-    for (size_t i = 0; ok && i < value.size(); ++i) {
-        ok = WriteUint32(value[i]);
-    }
-    if (!ok) {
-        RewindWrite(start);
-    }
-    return ok;
+    return WriteVector(*this, value, [](Parcel& parcel, uint32_t item) { return parcel.WriteUint32(item); });
 }
 
 bool Parcel::WriteStringVector(const std::vector<std::string>& value)
 {
-    if (value.size() > static_cast<size_t>(INT32_MAX)) {
-        return false;
-    }
-    size_t start = data_.size();
-    bool ok = WriteInt32(static_cast<int32_t>(value.size()));
-    for (size_t i = 0; ok && i < value.size(); ++i) {
-        ok = WriteString(value[i]);
-    }
-    if (!ok) {
-        RewindWrite(start);
-    }
-    return ok;
+    return WriteVector(*this, value, [](Parcel& parcel, const std::string& item) { return parcel.WriteString(item); });
 }
 
 bool Parcel::WriteParcelable(const Parcelable* object)
@@ -417,62 +426,20 @@ const uint8_t* Parcel::ReadBuffer(size_t size)
 
 bool Parcel::ReadInt32Vector(std::vector<int32_t>* value)
 {
-    if (value == nullptr) {
-        return false;
-    }
-    ReadTransaction transaction(*this);
-    int32_t count = 0;
-    if (!ReadInt32(count) || count < 0 || static_cast<size_t>(count) > GetReadableBytes() / sizeof(int32_t)) {
-        return false;
-    }
-    std::vector<int32_t> result(static_cast<size_t>(count));
-    for (auto& item : result) {
-        item = ReadInt32();
-    }
-    value->swap(result);
-    transaction.Commit();
-    return true;
+    return ReadVector(*this, value, sizeof(int32_t),
+                      [](Parcel& parcel, int32_t& item) { return parcel.ReadInt32(item); });
 }
 
 bool Parcel::ReadUInt32Vector(std::vector<uint32_t>* value)
 {
-    if (value == nullptr) {
-        return false;
-    }
-    ReadTransaction transaction(*this);
-    int32_t count = 0;
-    if (!ReadInt32(count) || count < 0 || static_cast<size_t>(count) > GetReadableBytes() / sizeof(uint32_t)) {
-        return false;
-    }
-    std::vector<uint32_t> result(static_cast<size_t>(count));
-    for (auto& item : result) {
-        item = ReadUint32();
-    }
-    value->swap(result);
-    transaction.Commit();
-    return true;
+    return ReadVector(*this, value, sizeof(uint32_t),
+                      [](Parcel& parcel, uint32_t& item) { return parcel.ReadUint32(item); });
 }
 
 bool Parcel::ReadStringVector(std::vector<std::string>* value)
 {
-    if (value == nullptr) {
-        return false;
-    }
-    ReadTransaction transaction(*this);
-    int32_t count = 0;
     // Every string takes at least 8 bytes (length and NUL with padding).
-    if (!ReadInt32(count) || count < 0 || static_cast<size_t>(count) > GetReadableBytes() / 8) {
-        return false;
-    }
-    std::vector<std::string> result(static_cast<size_t>(count));
-    for (auto& item : result) {
-        if (!ReadString(item)) {
-            return false;
-        }
-    }
-    value->swap(result);
-    transaction.Commit();
-    return true;
+    return ReadVector(*this, value, 8, [](Parcel& parcel, std::string& item) { return parcel.ReadString(item); });
 }
 
 size_t Parcel::GetDataSize() const
