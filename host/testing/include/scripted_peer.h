@@ -166,6 +166,9 @@ private:
     uint64_t Enqueue(Job job);
     void ReceiveLoop();
     void Changed();  // caller holds mutex_
+    using SentFilter = std::function<bool(const SentMessage&)>;
+    std::vector<SentMessage> SentMatching(const SentFilter& match) const;
+    bool AwaitSentMatching(const SentFilter& match, size_t count, std::chrono::milliseconds timeout);
     bool AwaitLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout,
                      const std::function<bool()>& condition);
     CtrlSessionInfo InfoOf(const Session& session) const;

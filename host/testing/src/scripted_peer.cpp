@@ -3,14 +3,29 @@
 #include "scripted_peer.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "host_types.h"
 
 namespace QUEX {
 namespace Tandra {
+
 namespace Testing {
 
 namespace {
+// Which of the device's messages a query or a wait is about.
+std::function<bool(const SentMessage&)> ControlMessageOn(int32_t sessionId)
+{
+    return [sessionId](const SentMessage& m) { return !m.onDataChannel && m.sessionId == sessionId; };
+}
+std::function<bool(const SentMessage&)> DataMessageOnChannel(int32_t channelId)
+{
+    return [channelId](const SentMessage& m) { return m.onDataChannel && m.channelId == channelId; };
+}
+std::function<bool(const SentMessage&)> DataMessageFor(int32_t ctrlSessionId)
+{
+    return [ctrlSessionId](const SentMessage& m) { return m.onDataChannel && m.sessionId == ctrlSessionId; };
+}
 using Clock = std::chrono::steady_clock;
 
 void JoinUnlessSelf(std::thread& thread)
@@ -277,40 +292,27 @@ std::vector<SentMessage> ScriptedPeer::Sent() const
     return sent_;
 }
 
-std::vector<SentMessage> ScriptedPeer::SentOnSession(int32_t sessionId) const
+std::vector<SentMessage> ScriptedPeer::SentMatching(const SentFilter& match) const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<SentMessage> result;
-    for (const SentMessage& message : sent_) {
-        if (!message.onDataChannel && message.sessionId == sessionId) {
-            result.push_back(message);
-        }
-    }
+    std::copy_if(sent_.begin(), sent_.end(), std::back_inserter(result), match);
     return result;
+}
+
+std::vector<SentMessage> ScriptedPeer::SentOnSession(int32_t sessionId) const
+{
+    return SentMatching(ControlMessageOn(sessionId));
 }
 
 std::vector<SentMessage> ScriptedPeer::SentOnChannel(int32_t channelId) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<SentMessage> result;
-    for (const SentMessage& message : sent_) {
-        if (message.onDataChannel && message.channelId == channelId) {
-            result.push_back(message);
-        }
-    }
-    return result;
+    return SentMatching(DataMessageOnChannel(channelId));
 }
 
 std::vector<SentMessage> ScriptedPeer::SentOnDataChannelsFor(int32_t ctrlSessionId) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<SentMessage> result;
-    for (const SentMessage& message : sent_) {
-        if (message.onDataChannel && message.sessionId == ctrlSessionId) {
-            result.push_back(message);
-        }
-    }
-    return result;
+    return SentMatching(DataMessageFor(ctrlSessionId));
 }
 
 std::vector<CloseRecord> ScriptedPeer::SessionsClosedByDevice() const
@@ -381,34 +383,27 @@ bool ScriptedPeer::AwaitChannelsOpened(size_t count, std::chrono::milliseconds t
     });
 }
 
-bool ScriptedPeer::AwaitSentOnSession(int32_t sessionId, size_t count, std::chrono::milliseconds timeout)
+bool ScriptedPeer::AwaitSentMatching(const SentFilter& match, size_t count, std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return AwaitLocked(lock, timeout, [this, sessionId, count] {
-        return static_cast<size_t>(std::count_if(sent_.begin(), sent_.end(), [sessionId](const SentMessage& m) {
-                   return !m.onDataChannel && m.sessionId == sessionId;
-               })) >= count;
+    return AwaitLocked(lock, timeout, [this, &match, count] {
+        return static_cast<size_t>(std::count_if(sent_.begin(), sent_.end(), match)) >= count;
     });
+}
+
+bool ScriptedPeer::AwaitSentOnSession(int32_t sessionId, size_t count, std::chrono::milliseconds timeout)
+{
+    return AwaitSentMatching(ControlMessageOn(sessionId), count, timeout);
 }
 
 bool ScriptedPeer::AwaitSentOnChannel(int32_t channelId, size_t count, std::chrono::milliseconds timeout)
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return AwaitLocked(lock, timeout, [this, channelId, count] {
-        return static_cast<size_t>(std::count_if(sent_.begin(), sent_.end(), [channelId](const SentMessage& m) {
-                   return m.onDataChannel && m.channelId == channelId;
-               })) >= count;
-    });
+    return AwaitSentMatching(DataMessageOnChannel(channelId), count, timeout);
 }
 
 bool ScriptedPeer::AwaitSentOnDataChannelsFor(int32_t ctrlSessionId, size_t count, std::chrono::milliseconds timeout)
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return AwaitLocked(lock, timeout, [this, ctrlSessionId, count] {
-        return static_cast<size_t>(std::count_if(sent_.begin(), sent_.end(), [ctrlSessionId](const SentMessage& m) {
-                   return m.onDataChannel && m.sessionId == ctrlSessionId;
-               })) >= count;
-    });
+    return AwaitSentMatching(DataMessageFor(ctrlSessionId), count, timeout);
 }
 
 bool ScriptedPeer::AwaitSessionClosedByDevice(int32_t sessionId, std::chrono::milliseconds timeout)
