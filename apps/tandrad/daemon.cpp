@@ -1,0 +1,209 @@
+#include "daemon.h"
+
+#include <unistd.h>
+
+#include "device_context.h"
+#include "ipc_skeleton.h"
+#include "plugin_loader.h"
+#include "process_registry.h"
+#include "socket_path.h"
+#include "system_ability_manager.h"
+#include "vex_log.h"
+#include "vex_log_tags.h"
+#include "vex_sys_event.h"
+#include "vex_sys_event_json_sink.h"
+
+namespace QUEX {
+namespace Tandra {
+
+namespace {
+
+// How long a stop waits for the plugin to tell peers and apps that collaborations ended.
+constexpr std::chrono::milliseconds STOP_DRAIN{3000};
+
+// The link can carry a collaboration to a peer when that peer is linked and trusted and this
+// device's network is up.
+class BusLinkStatus : public LinkStatus {
+public:
+    explicit BusLinkStatus(NetSoftBus& bus) : bus_(bus) {}
+    bool CanCarry(const std::string& networkId) override
+    {
+        if (!bus_.IsWifiActive()) {
+            return false;
+        }
+        for (const PeerDevice& peer : bus_.GetPeerDevices()) {
+            if (peer.identity.networkId == networkId || peer.identity.udid == networkId) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    NetSoftBus& bus_;
+};
+
+}  // namespace
+
+Daemon::Daemon(DaemonConfig config) : config_(std::move(config)) {}
+
+Daemon::~Daemon()
+{
+    Stop();
+}
+
+int Daemon::Start(std::string* error)
+{
+    started_ = true;
+    Vex::SetLogLevel(config_.verbose ? Vex::LOG_DEBUG : Vex::LOG_INFO);
+    if (!MakeFolder(config_.stateDir, 0700, error)) {
+        *error = "state folder: " + *error + " (or pass --state-dir)";
+        return 1;
+    }
+    if (access(config_.pluginPath.c_str(), R_OK) != 0) {
+        *error = "plugin library not found at " + config_.pluginPath +
+                 ": build the project (cmake --build) or install it, or pass --plugin PATH";
+        return 1;
+    }
+
+    launcher_ = std::make_unique<ManifestAbilityLauncher>();
+    if (!launcher_->LoadManifests(config_.abilitiesDir, error)) {
+        *error = "ability manifests: " + *error + " (pass --abilities DIR)";
+        return 1;
+    }
+
+    NetBusConfig busConfig;
+    busConfig.stateDir = config_.stateDir;
+    busConfig.deviceName = config_.deviceName;
+    busConfig.deviceType = config_.deviceType;
+    busConfig.bindAddress = config_.bindAddress;
+    busConfig.port = config_.port;
+    busConfig.discoveryPort = config_.discoveryPort;
+    busConfig.broadcastAddress = config_.broadcastAddress;
+    busConfig.staticPeers = config_.staticPeers;
+    busConfig.interfaceName = config_.interfaceName;
+    busConfig.trustOnFirstUse = config_.trustOnFirstUse;
+    bus_ = NetSoftBus::Create(busConfig, error);
+    if (bus_ == nullptr) {
+        return 1;
+    }
+    bus_->SetLocalAbilities(launcher_->GetAbilities());
+    bus_->SetLinkObserver(this);
+
+    const DeviceIdentity self = bus_->GetLocalIdentity();
+    Vex::SetSysEventSink(Vex::MakeJsonLinesSink(config_.stateDir + "/events.jsonl", self.deviceName));
+    DeviceContext::Get().InstallEnv(std::make_shared<NetDeviceEnv>(*bus_, *launcher_));
+
+    apps_ = std::make_unique<AppRegistry>(
+        [this](const std::string& executable) { return launcher_->BundleForExecutable(executable); });
+    meshline_ = MeshlineService::Create(std::make_shared<BusLinkStatus>(*bus_));
+    hostService_ = new DaemonHostService(meshline_, *apps_);
+    deviceService_ = new DeviceServiceImpl(*bus_, *apps_);
+    bundleMgr_ = new DaemonBundleMgr(*apps_);
+    auto manager = Vex::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    manager->AddSystemAbility(TANDRA_SA_ID, hostService_);
+    manager->AddSystemAbility(TANDRA_DEVICE_SA_ID, deviceService_);
+    manager->AddSystemAbility(Vex::BUNDLE_MGR_SERVICE_SYS_ABILITY_ID, bundleMgr_);
+
+    if (PluginLoader::GetLoader().LoadPlugin(config_.pluginPath) != 0) {
+        *error = "cannot load the plugin library " + config_.pluginPath +
+                 " (the log line above says why): rebuild it or pass --plugin PATH";
+        return 1;
+    }
+
+    if (bus_->Start(error) != 0) {
+        return 1;
+    }
+
+    if (!PrepareSocketPath(config_.socketPath, error)) {
+        return 1;
+    }
+    ipc_ = Vex::IpcServer::Listen(config_.socketPath, error);
+    if (ipc_ == nullptr) {
+        *error = "cannot serve applications on " + config_.socketPath + ": " + *error;
+        return 1;
+    }
+    ipc_->SetConnectionObserver([this](const Vex::IpcPeer& peer, bool connected) {
+        if (connected) {
+            apps_->OnConnected(peer.pid, peer.uid);
+        } else {
+            apps_->OnDisconnected(peer.pid);
+            hostService_->ForgetApp(peer.pid);
+        }
+    });
+    TNDR_HOST_LOGI("tandrad ready: device \"%{public}s\" network id %{public}s, link port %{public}u, "
+                   "applications on %{public}s",
+                   self.deviceName.c_str(), self.networkId.c_str(), static_cast<unsigned>(bus_->GetPort()),
+                   config_.socketPath.c_str());
+    std::fprintf(stderr, "tandrad: ready: device \"%s\" (%s), link port %u, socket %s\n", self.deviceName.c_str(),
+                 self.networkId.c_str(), static_cast<unsigned>(bus_->GetPort()), config_.socketPath.c_str());
+    return 0;
+}
+
+void Daemon::Stop()
+{
+    if (!started_) {
+        return;
+    }
+    started_ = false;
+    // Collaborations first, while apps and peers can still be told: the requesting apps'
+    // collaborations are cancelled as their apps would; camera apps are ended, which the
+    // plugin sees as their death and reports to the peer.
+    if (hostService_ != nullptr) {
+        hostService_->CancelAll();
+    }
+    if (launcher_ != nullptr) {
+        launcher_->TerminateAll();
+    }
+    Vex::ProcessRegistry::Get().WaitForDeathNotices(STOP_DRAIN);
+    DeviceContext::Get().Pool().WaitIdle(STOP_DRAIN);
+    if (ipc_ != nullptr) {
+        ipc_->Stop();
+        unlink(config_.socketPath.c_str());
+    }
+    if (bus_ != nullptr) {
+        bus_->SetLinkObserver(nullptr);
+        bus_->Stop();
+    }
+    DeviceContext::Get().InstallEnv(nullptr);
+    auto manager = Vex::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    if (manager != nullptr) {
+        manager->RemoveSystemAbility(TANDRA_SA_ID);
+        manager->RemoveSystemAbility(TANDRA_DEVICE_SA_ID);
+        manager->RemoveSystemAbility(Vex::BUNDLE_MGR_SERVICE_SYS_ABILITY_ID);
+    }
+    Vex::SetSysEventSink(nullptr);
+}
+
+void Daemon::OnPeerLinked(const std::string& networkId)
+{
+    TNDR_HOST_LOGI("linked to %{public}s", networkId.c_str());
+}
+
+void Daemon::OnPeerLost(const std::string& networkId)
+{
+    TNDR_HOST_LOGI("link to %{public}s lost", networkId.c_str());
+    if (meshline_ != nullptr) {
+        meshline_->NotifyPeerLost(networkId);
+    }
+}
+
+void Daemon::OnWifiStateChanged(bool active)
+{
+    TNDR_HOST_LOGI("network interface %{public}s is %{public}s", config_.interfaceName.c_str(),
+                   active ? "up" : "down");
+    if (meshline_ != nullptr) {
+        meshline_->NotifyWifiState(active);
+    }
+    DeviceContext::Get().NotifyWifiStateChanged(active);
+}
+
+void Daemon::OnPairingRequested(const KnownDevice& device, const std::string& code)
+{
+    TNDR_HOST_LOGI("device \"%{public}s\" asks to pair, code %{public}s: confirm with `tandra-photo pair --accept "
+                   "%{public}s` if it shows the same code",
+                   device.identity.deviceName.c_str(), code.c_str(), device.identity.deviceName.c_str());
+}
+
+}  // namespace Tandra
+}  // namespace QUEX

@@ -1,0 +1,37 @@
+// DeviceServiceImpl: the daemon's device service for applications: registration against the
+// app registry (the caller is who the socket says it is), the devices the link knows with
+// their trust and cameras, and pairing through the link.
+// Thread-safety: operations run on IPC threads, several at once; the registry and bus are
+// safe for that.
+#pragma once
+
+#include "app_registry.h"
+#include "device_service.h"
+#include "net_soft_bus.h"
+
+namespace QUEX {
+namespace Tandra {
+
+class DeviceServiceImpl : public DeviceServiceStub {
+public:
+    DeviceServiceImpl(NetSoftBus& bus, AppRegistry& apps) : bus_(bus), apps_(apps) {}
+
+    AppRegistration RegisterApp(bool foreground) override;
+    int32_t SetForeground(bool foreground) override;
+    DeviceList ListDevices() override;
+    PairingAnswer Pair(const std::string& device) override;
+    PairingAnswer ConfirmPair(const std::string& device, bool accept) override;
+    PairingAnswer Unpair(const std::string& device) override;
+
+private:
+    DeviceEntry SelfEntry();
+
+    NetSoftBus& bus_;
+    AppRegistry& apps_;
+};
+
+// The ability type of a camera: a peer offering it can take photos for us.
+extern const char* const CAMERA_ABILITY_TYPE;
+
+}  // namespace Tandra
+}  // namespace QUEX
