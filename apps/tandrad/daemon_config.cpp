@@ -1,5 +1,7 @@
 #include "daemon_config.h"
 
+#include "tandra_paths.h"
+
 #include <limits.h>
 #include <unistd.h>
 
@@ -52,19 +54,6 @@ std::string DefaultStateDir()
 }
 
 }  // namespace
-
-std::string DefaultSocketPath()
-{
-    if (getuid() == 0) {
-        return "/run/tandra/tandrad.sock";
-    }
-    std::string runtime = Env("XDG_RUNTIME_DIR");
-    if (runtime.empty()) {
-        runtime = "/tmp/tandra-" + std::to_string(getuid());
-        return runtime + "/tandrad.sock";
-    }
-    return runtime + "/tandra/tandrad.sock";
-}
 
 int ParseDaemonConfig(int argc, char** argv, DaemonConfig& config, std::string* message)
 {

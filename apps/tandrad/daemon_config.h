@@ -32,8 +32,5 @@ struct DaemonConfig {
 // message to print in *message.
 int ParseDaemonConfig(int argc, char** argv, DaemonConfig& config, std::string* message);
 
-// The default socket: $XDG_RUNTIME_DIR/tandra/tandrad.sock, /run/tandra/tandrad.sock for root.
-std::string DefaultSocketPath();
-
 }  // namespace Tandra
 }  // namespace QUEX
