@@ -229,6 +229,7 @@ private:
     bool stopped_ = false;
     bool wifiActive_ = true;
     bool delivering_ = false;
+    bool rearbitrate_ = false;  // grants or pending applications changed since the last arbitration
     uint64_t nextApplication_ = 1;
 
     std::map<DeviceKey, Registration> managers_;

@@ -312,7 +312,16 @@ bool MeshlineService::WaitIdle(std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     return idle_.wait_for(lock, timeout, [this]() {
-        return stopped_ || (deliveries_.empty() && unwatched_.empty() && !delivering_);
+        if (stopped_) {
+            return true;
+        }
+        const TimePoint now = Vex::Clock::Now();
+        for (const auto& application : pending_) {
+            if (application.deadline <= now) {
+                return false;  // its refusal is due
+            }
+        }
+        return deliveries_.empty() && unwatched_.empty() && !delivering_ && !rearbitrate_;
     });
 }
 

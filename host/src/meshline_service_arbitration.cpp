@@ -90,6 +90,7 @@ void MeshlineService::HandleApply(const Request& request, int32_t pid, MessagePa
         });
     }
     pending_.push_back(std::move(application));
+    rearbitrate_ = true;
     wake_.notify_all();
 }
 
@@ -140,6 +141,7 @@ void MeshlineService::Decide(Application& application, bool grant, const std::st
 
 void MeshlineService::ArbitratePending()
 {
+    rearbitrate_ = false;
     const TimePoint now = Vex::Clock::Now();
     for (auto application = pending_.begin(); application != pending_.end();) {
         std::vector<const Grant*> conflicts = ConflictsOf(*application);
@@ -173,6 +175,7 @@ void MeshlineService::ReleaseGrants(const std::function<bool(const Grant&)>& mat
             ++grant;
         }
     }
+    rearbitrate_ = true;
     wake_.notify_all();
 }
 
