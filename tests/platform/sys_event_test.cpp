@@ -121,7 +121,7 @@ TEST(SysEventTest, JsonLinesSinkWritesOneObjectPerEvent)
     int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     close(fd);
-    SysEventSink sink = MakeJsonLinesSink(path);
+    SysEventSink sink = MakeJsonLinesSink(path, {"device-a"});
     ASSERT_TRUE(sink);
     SysEventSink previous = SetSysEventSink(sink);
     VEX_SYS_EVENT_WRITE("TANDRA", "FIRST", VexSysEvent::BEHAVIOR, "ID", uint32_t{7}, "NAME", "a\"b");
@@ -141,13 +141,21 @@ TEST(SysEventTest, JsonLinesSinkWritesOneObjectPerEvent)
     std::remove(path);
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0]["name"].asString(), "FIRST");
+    EXPECT_EQ(events[0]["device"].asString(), "device-a");
+    // "2024-05-01T12:00:00.123Z": the same instant as time_ms.
+    const std::string time = events[0]["time"].asString();
+    ASSERT_EQ(time.size(), 24u) << time;
+    EXPECT_EQ(time.substr(20), (std::to_string(1000 + events[0]["time_ms"].asInt64() % 1000)).substr(1) + "Z");
     EXPECT_EQ(events[0]["domain"].asString(), "TANDRA");
     EXPECT_EQ(events[0]["type"].asInt(), VexSysEvent::BEHAVIOR);
     EXPECT_EQ(events[0]["params"]["ID"].asUInt(), 7u);
     EXPECT_EQ(events[0]["params"]["NAME"].asString(), "a\"b");
     EXPECT_EQ(events[1]["params"]["BIG"].asInt64(), int64_t{1} << 40);
     EXPECT_FALSE(events[1]["params"]["OK"].asBool());
-    EXPECT_FALSE(MakeJsonLinesSink("/nonexistent-dir/events.jsonl"));
+    std::string error;
+    EXPECT_FALSE(MakeJsonLinesSink("/nonexistent-dir/events.jsonl", {}, &error));
+    EXPECT_NE(error.find("/nonexistent-dir/events.jsonl"), std::string::npos) << error;
+    EXPECT_NE(error.find("writable"), std::string::npos) << error;
 }
 
 }  // namespace

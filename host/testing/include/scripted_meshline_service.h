@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "iremote_stub.h"
+#include "meshline_wire.h"
 
 namespace QUEX::Tandra::Testing {
 
@@ -42,101 +43,15 @@ using Vex::MessageOption;
 using Vex::MessageParcel;
 using Vex::sptr;
 
-// Operation codes: the sub-service type, second Uint32 of the request envelope.
-enum MeshlineOp : uint32_t {
-    REGISTER_DEVICE_STATE_MANAGER_CALLBACK = 1,
-    UNREGISTER_DEVICE_STATE_MANAGER_CALLBACK = 2,
-    NOTIFY_DEVICE_CONNECT_STATE = 3,
-    CHECK_CONFLICT = 4,
-    DISCONNECT_CURRENT_DEVICE = 5,
-    REGISTER_DEVICE_STATE_SUBSCRIBER = 6,
-    UNREGISTER_DEVICE_STATE_SUBSCRIBER = 7,
-    SUBSCRIBE_SERVICE_STATE = 8,
-    UNSUBSCRIBE_SERVICE_STATE = 9,
-    SUBSCRIBE_NOTIFY_DISCONNECT = 10,
-    UNSUBSCRIBE_NOTIFY_DISCONNECT = 11,
-    PUBLISH_SERVICE_STATE = 12,
-    APPLY_ADVANCED_RESOURCE = 13,
-    NOTIFY_ALL_STATE = 14,
-    SUBSCRIBE_SERVICE_STATE_WITH_PID = 15,
-    UNSUBSCRIBE_SERVICE_STATE_WITH_PID = 16,
-};
+using namespace MeshlineWire;
 
-// Sub-service types of the Meshline callbacks.
-enum MeshlineCallbackEvent : uint32_t {
-    DISCONNECT_DEVICE_EVENT = 502,
-    STATE_NOTIFY_EVENT = 503,
-    SERVICE_STATE_CHANGED_EVENT = 504,
-    DISCONNECTED_EVENT = 505,
-    APPLY_RESULT_EVENT = 506,
-};
-
-struct HardwareValues {
-    bool present = false;
-    uint32_t type = 0;
-    bool canShare = false;
-};
-
-struct CommunicationValues {
-    bool present = false;
-    int32_t minBandwidth = 0;
-    int32_t maxLatency = 0;
-    int32_t minLatency = 0;
-    int32_t maxWaitTime = 0;
-    int32_t maxBuffer = 0;
-    int32_t maxIdleTime = 0;
-    int32_t firstPackage = 0;
-    int32_t transReliability = 0;
-    std::string dataType;
-};
-
-struct ResourceRequestValues {
-    bool present = false;
-    std::vector<HardwareValues> remote;
-    std::vector<HardwareValues> local;
-    CommunicationValues communication;
-};
-
-struct ServiceStateValues {
-    bool present = false;
-    std::string deviceId;
-    uint32_t linkType = 0;
-    uint32_t connectState = 0;
-};
-
-// One task of a CheckConflict answer; present false writes an absent entry.
-struct TaskValues {
-    bool present = true;
-    std::string deviceId;
-    uint32_t serviceType = 0;
-    uint32_t linkType = 0;
-    uint32_t connectState = 0;
-    uint32_t canDisconnectFlag = 0;
-};
-
-// One request as it arrived.
-struct RecordedRequest {
+// One request as it arrived: the decoded request and how it came.
+struct RecordedRequest : MeshlineWire::Request {
     uint64_t sequence = 0;  // arrival order across all operations, from 1
     uint32_t code = 0;      // the request code of SendRequest
     int32_t callingPid = 0;
     int32_t callingUid = 0;
-    std::u16string token;
-    // The envelope after the token.
-    uint32_t serviceType = 0;
-    uint32_t operation = 0;
-    uint32_t operateCode = 0;
-    uint32_t subOperateCode = 0;
-    uint32_t command = 0;
-    // The operation's arguments, by kind, in the order they were written.
-    std::vector<std::string> strings;
-    std::vector<uint32_t> uints;
-    std::vector<int32_t> ints;
-    sptr<IRemoteObject> callback;     // the callback object, when the operation carries one
-    ServiceStateValues serviceState;  // NOTIFY_DEVICE_CONNECT_STATE
-    ResourceRequestValues resource;   // APPLY_ADVANCED_RESOURCE
-    bool complete = false;            // every item of the operation's layout was readable
-    size_t unreadBytes = 0;           // bytes left after the layout (a client writing too much)
-    std::vector<uint8_t> bytes;       // the whole data parcel as sent
+    std::vector<uint8_t> bytes;  // the whole data parcel as sent
 };
 
 // What a callback answered.
@@ -148,8 +63,8 @@ struct CallbackReply {
 
 class ScriptedMeshlineService : public Vex::IPCObjectStub {
 public:
-    static constexpr int32_t SYSTEM_ABILITY_ID = 70633;
-    static constexpr uint32_t MESHLINE_CODE = 501;
+    static constexpr int32_t SYSTEM_ABILITY_ID = MeshlineWire::SYSTEM_ABILITY_ID;
+    static constexpr uint32_t MESHLINE_CODE = MeshlineWire::MESHLINE_CODE;
     static constexpr uint32_t ALL_OPERATIONS = 0;
     static constexpr std::chrono::milliseconds DEFAULT_WAIT{5000};
 
@@ -228,8 +143,7 @@ private:
     void WriteReply(const RecordedRequest& request, MessageParcel& reply);
     void QueueAction(std::function<void()> action);
     void RunActions();
-    CallbackReply CallMeshline(const sptr<IRemoteObject>& callback, uint32_t event,
-                               const std::function<void(MessageParcel&)>& writeArguments);
+    CallbackReply CallMeshline(const sptr<IRemoteObject>& callback, const std::function<void(MessageParcel&)>& write);
 
     mutable std::mutex mutex_;
     std::condition_variable requestArrived_;

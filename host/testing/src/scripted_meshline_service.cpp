@@ -7,170 +7,6 @@
 
 namespace QUEX::Tandra::Testing {
 
-namespace {
-
-const std::u16string SERVICE_TOKEN = u"quex.ITandra.ITandraService";
-const std::u16string CALLBACK_TOKEN = u"quex.ITandra.ITandraCallback";
-
-// The arguments after the envelope, one letter per item: S String, U Uint32, I Int32,
-// O remote object, P flagged service state, R flagged resource request.
-const char* LayoutOf(uint32_t operation)
-{
-    switch (operation) {
-        case REGISTER_DEVICE_STATE_MANAGER_CALLBACK:
-            return "SUO";
-        case UNREGISTER_DEVICE_STATE_MANAGER_CALLBACK:
-            return "SU";
-        case NOTIFY_DEVICE_CONNECT_STATE:
-            return "SUP";
-        case CHECK_CONFLICT:
-        case DISCONNECT_CURRENT_DEVICE:
-            return "SUU";
-        case REGISTER_DEVICE_STATE_SUBSCRIBER:
-        case SUBSCRIBE_SERVICE_STATE:
-        case SUBSCRIBE_SERVICE_STATE_WITH_PID:
-            return "O";
-        case UNREGISTER_DEVICE_STATE_SUBSCRIBER:
-        case UNSUBSCRIBE_SERVICE_STATE:
-        case NOTIFY_ALL_STATE:
-        case UNSUBSCRIBE_SERVICE_STATE_WITH_PID:
-            return "";
-        case SUBSCRIBE_NOTIFY_DISCONNECT:
-            return "SSSO";
-        case UNSUBSCRIBE_NOTIFY_DISCONNECT:
-            return "SS";
-        case PUBLISH_SERVICE_STATE:
-            return "SSSI";
-        case APPLY_ADVANCED_RESOURCE:
-            return "SSRO";
-        default:
-            return nullptr;
-    }
-}
-
-bool ReadFlag(MessageParcel& data, bool& present)
-{
-    int32_t flag = 0;
-    if (!data.ReadInt32(flag)) {
-        return false;
-    }
-    present = flag != 0;
-    return true;
-}
-
-bool ReadHardwareList(MessageParcel& data, std::vector<HardwareValues>& list)
-{
-    uint32_t count = 0;
-    if (!data.ReadUint32(count) || count > data.GetReadableBytes() / sizeof(int32_t)) {
-        return false;
-    }
-    for (uint32_t i = 0; i < count; ++i) {
-        HardwareValues entry;
-        if (!ReadFlag(data, entry.present)) {
-            return false;
-        }
-        if (entry.present && (!data.ReadUint32(entry.type) || !data.ReadBool(entry.canShare))) {
-            return false;
-        }
-        list.push_back(entry);
-    }
-    return true;
-}
-
-bool ReadCommunication(MessageParcel& data, CommunicationValues& values)
-{
-    if (!ReadFlag(data, values.present)) {
-        return false;
-    }
-    if (!values.present) {
-        return true;
-    }
-    return data.ReadInt32(values.minBandwidth) && data.ReadInt32(values.maxLatency) &&
-           data.ReadInt32(values.minLatency) && data.ReadInt32(values.maxWaitTime) &&
-           data.ReadInt32(values.maxBuffer) && data.ReadInt32(values.maxIdleTime) &&
-           data.ReadInt32(values.firstPackage) && data.ReadInt32(values.transReliability) &&
-           data.ReadString(values.dataType);
-}
-
-bool ReadResource(MessageParcel& data, ResourceRequestValues& values)
-{
-    if (!ReadFlag(data, values.present)) {
-        return false;
-    }
-    if (!values.present) {
-        return true;
-    }
-    return ReadHardwareList(data, values.remote) && ReadHardwareList(data, values.local) &&
-           ReadCommunication(data, values.communication);
-}
-
-bool ReadServiceState(MessageParcel& data, ServiceStateValues& values)
-{
-    if (!ReadFlag(data, values.present)) {
-        return false;
-    }
-    if (!values.present) {
-        return true;
-    }
-    return data.ReadString(values.deviceId) && data.ReadUint32(values.linkType) && data.ReadUint32(values.connectState);
-}
-
-bool ReadArguments(const char* layout, MessageParcel& data, RecordedRequest& request)
-{
-    for (const char* item = layout; *item != '\0'; ++item) {
-        bool ok = false;
-        switch (*item) {
-            case 'S': {
-                std::string text;
-                ok = data.ReadString(text);
-                request.strings.push_back(std::move(text));
-                break;
-            }
-            case 'U': {
-                uint32_t value = 0;
-                ok = data.ReadUint32(value);
-                request.uints.push_back(value);
-                break;
-            }
-            case 'I': {
-                int32_t value = 0;
-                ok = data.ReadInt32(value);
-                request.ints.push_back(value);
-                break;
-            }
-            case 'O':
-                ok = data.GetReadableBytes() >= sizeof(int32_t);
-                request.callback = data.ReadRemoteObject();
-                break;
-            case 'P':
-                ok = ReadServiceState(data, request.serviceState);
-                break;
-            case 'R':
-                ok = ReadResource(data, request.resource);
-                break;
-            default:
-                break;
-        }
-        if (!ok) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void WriteTask(MessageParcel& reply, const TaskValues& task)
-{
-    reply.WriteInt32(task.present ? 1 : 0);
-    if (task.present) {
-        reply.WriteString(task.deviceId);
-        reply.WriteUint32(task.serviceType);
-        reply.WriteUint32(task.linkType);
-        reply.WriteUint32(task.connectState);
-        reply.WriteUint32(task.canDisconnectFlag);
-    }
-}
-
-}  // namespace
 
 ScriptedMeshlineService::ScriptedMeshlineService() : IPCObjectStub(SERVICE_TOKEN) {}
 
@@ -337,15 +173,7 @@ RecordedRequest ScriptedMeshlineService::Decode(uint32_t code, MessageParcel& da
     request.callingPid = Vex::IPCSkeleton::GetCallingPid();
     request.callingUid = Vex::IPCSkeleton::GetCallingUid();
     request.bytes.assign(data.GetData(), data.GetData() + data.GetDataSize());
-    request.token = data.ReadInterfaceToken();
-    bool envelope = data.ReadUint32(request.serviceType) && data.ReadUint32(request.operation) &&
-                    data.ReadUint32(request.operateCode) && data.ReadUint32(request.subOperateCode) &&
-                    data.ReadUint32(request.command);
-    const char* layout = LayoutOf(request.operation);
-    if (envelope && layout != nullptr && request.token == SERVICE_TOKEN) {
-        request.complete = ReadArguments(layout, data, request);
-    }
-    request.unreadBytes = data.GetReadableBytes();
+    static_cast<MeshlineWire::Request&>(request) = MeshlineWire::DecodeRequest(data);
     return request;
 }
 
@@ -375,7 +203,7 @@ int ScriptedMeshlineService::OnRemoteRequest(uint32_t code, MessageParcel& data,
     if (code != MESHLINE_CODE) {
         return Vex::ERR_UNKNOWN_TRANSACTION;
     }
-    if (request.token != SERVICE_TOKEN || LayoutOf(request.operation) == nullptr) {
+    if (request.token != SERVICE_TOKEN || !IsKnownOperation(request.operation)) {
         return Vex::ERR_INVALID_DATA;
     }
     if (failure != 0) {
@@ -412,11 +240,7 @@ void ScriptedMeshlineService::WriteReply(const RecordedRequest& request, Message
     }
     switch (request.operation) {
         case CHECK_CONFLICT:
-            reply.WriteUint32(static_cast<uint32_t>(tasks.size()));
-            for (const auto& task : tasks) {
-                WriteTask(reply, task);
-            }
-            reply.WriteInt32(result);
+            WriteTaskList(reply, tasks, result);
             break;
         case SUBSCRIBE_SERVICE_STATE_WITH_PID:
         case UNSUBSCRIBE_SERVICE_STATE_WITH_PID:
@@ -464,12 +288,7 @@ void ScriptedMeshlineService::RunActions()
 void ScriptedMeshlineService::WriteCallbackHeader(MessageParcel& data, uint32_t serviceType, uint32_t subServiceType,
                                                   uint32_t operateCode, uint32_t subOperateCode, uint32_t command)
 {
-    data.WriteInterfaceToken(CALLBACK_TOKEN);
-    data.WriteUint32(serviceType);
-    data.WriteUint32(subServiceType);
-    data.WriteUint32(operateCode);
-    data.WriteUint32(subOperateCode);
-    data.WriteUint32(command);
+    MeshlineWire::WriteCallbackHeader(data, serviceType, subServiceType, operateCode, subOperateCode, command);
 }
 
 CallbackReply ScriptedMeshlineService::CallRaw(const sptr<IRemoteObject>& callback, uint32_t code, MessageParcel& data)
@@ -490,53 +309,33 @@ CallbackReply ScriptedMeshlineService::CallRaw(const sptr<IRemoteObject>& callba
     return answer;
 }
 
-CallbackReply ScriptedMeshlineService::CallMeshline(const sptr<IRemoteObject>& callback, uint32_t event,
-                                                    const std::function<void(MessageParcel&)>& writeArguments)
+CallbackReply ScriptedMeshlineService::CallMeshline(const sptr<IRemoteObject>& callback,
+                                                    const std::function<void(MessageParcel&)>& write)
 {
     MessageParcel data;
-    WriteCallbackHeader(data, MESHLINE_CODE, event);
-    writeArguments(data);
+    write(data);
     return CallRaw(callback, MESHLINE_CODE, data);
 }
 
 CallbackReply ScriptedMeshlineService::CallDisconnectDevice(const sptr<IRemoteObject>& callback,
                                                             const std::string& deviceId, uint32_t serviceType)
 {
-    return CallMeshline(callback, DISCONNECT_DEVICE_EVENT, [&](MessageParcel& data) {
-        data.WriteString(deviceId);
-        data.WriteUint32(serviceType);
-    });
+    return CallMeshline(callback, [&](MessageParcel& data) { WriteDisconnectDevice(data, deviceId, serviceType); });
 }
 
 CallbackReply ScriptedMeshlineService::CallStateNotify(const sptr<IRemoteObject>& callback, int32_t state,
                                                        const std::vector<uint32_t>& ids,
                                                        const std::vector<ServiceStateValues>& infos)
 {
-    return CallMeshline(callback, STATE_NOTIFY_EVENT, [&](MessageParcel& data) {
-        data.WriteInt32(state);
-        data.WriteUInt32Vector(ids);
-        data.WriteUint32(static_cast<uint32_t>(infos.size()));
-        for (const auto& info : infos) {
-            data.WriteInt32(info.present ? 1 : 0);
-            if (info.present) {
-                data.WriteString(info.deviceId);
-                data.WriteUint32(info.linkType);
-                data.WriteUint32(info.connectState);
-            }
-        }
-    });
+    return CallMeshline(callback, [&](MessageParcel& data) { WriteStateNotify(data, state, ids, infos); });
 }
 
 CallbackReply ScriptedMeshlineService::CallServiceStateChanged(const sptr<IRemoteObject>& callback,
                                                                const std::string& first, const std::string& second,
                                                                const std::string& third, int32_t state, int32_t value)
 {
-    return CallMeshline(callback, SERVICE_STATE_CHANGED_EVENT, [&](MessageParcel& data) {
-        data.WriteString(first);
-        data.WriteString(second);
-        data.WriteString(third);
-        data.WriteInt32(state);
-        data.WriteInt32(value);
+    return CallMeshline(callback, [&](MessageParcel& data) {
+        WriteServiceStateChanged(data, first, second, third, state, value);
     });
 }
 
@@ -544,24 +343,15 @@ CallbackReply ScriptedMeshlineService::CallDisconnected(const sptr<IRemoteObject
                                                         const std::string& second, const std::string& third,
                                                         int32_t value)
 {
-    return CallMeshline(callback, DISCONNECTED_EVENT, [&](MessageParcel& data) {
-        data.WriteString(first);
-        data.WriteString(second);
-        data.WriteString(third);
-        data.WriteInt32(value);
-    });
+    return CallMeshline(callback, [&](MessageParcel& data) { WriteDisconnected(data, first, second, third, value); });
 }
 
 CallbackReply ScriptedMeshlineService::CallApplyResult(const sptr<IRemoteObject>& callback, const std::string& first,
                                                        const std::string& second, const std::string& third,
                                                        int32_t value, int32_t serviceResult)
 {
-    return CallMeshline(callback, APPLY_RESULT_EVENT, [&](MessageParcel& data) {
-        data.WriteString(first);
-        data.WriteString(second);
-        data.WriteString(third);
-        data.WriteInt32(value);
-        data.WriteInt32(serviceResult);
+    return CallMeshline(callback, [&](MessageParcel& data) {
+        WriteApplyResult(data, first, second, third, value, serviceResult);
     });
 }
 
