@@ -54,11 +54,6 @@ void DrawTestCard(RgbImage image, const CardText& text)
         FillRect(image, x, greyBottom, 1, h - greyBottom, Hue(static_cast<uint32_t>(x), static_cast<uint32_t>(w)));
     }
 
-    // The marker walks along the grey steps, one eighth of the width per photo.
-    const int64_t marker = std::max<int64_t>((stepsBottom - barsBottom) / 2, 2);
-    int64_t markerX = (w / steps) * static_cast<int64_t>((text.photoNumber - 1) % steps) + (w / steps - marker) / 2;
-    FillRect(image, markerX, barsBottom + (stepsBottom - barsBottom - marker) / 2, marker, marker, ACCENT);
-
     // Text panel in the middle of the bars, as large as fits.
     const std::string lines[] = {"TANDRA CAMERA", text.deviceName, "PHOTO " + std::to_string(text.photoNumber),
                                  text.time};
@@ -83,6 +78,12 @@ void DrawTestCard(RgbImage image, const CardText& text)
         DrawText(image, x, y, scale, i == 2 ? ACCENT : WHITE, line);
         y += lineHeight;
     }
+
+    // The marker walks along the grey steps, one eighth of the width per photo; drawn last so that
+    // the text panel of a tiny card cannot hide it.
+    const int64_t marker = std::max<int64_t>((stepsBottom - barsBottom) / 2, 2);
+    int64_t markerX = (w / steps) * static_cast<int64_t>((text.photoNumber - 1) % steps) + (w / steps - marker) / 2;
+    FillRect(image, markerX, barsBottom + (stepsBottom - barsBottom - marker) / 2, marker, marker, ACCENT);
 }
 
 }  // namespace QUEX::Tandra::CameraApp
