@@ -1,5 +1,6 @@
 #include "timeline_events.h"
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
@@ -155,7 +156,14 @@ bool ParseEventLine(const std::string& line, const std::string& device, bool ove
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     if (!reader->parse(line.data(), line.data() + line.size(), &root, &parseErrors)) {
-        *error = "not JSON (" + parseErrors.substr(0, parseErrors.find('\n')) + ")";
+        // The reader's text is "* Line 1, Column 7\n  Syntax error: ...": keep the column and the reason.
+        std::string where = parseErrors.substr(0, parseErrors.find('\n'));
+        std::string why = parseErrors.substr(std::min(parseErrors.size(), where.size() + 1));
+        why.erase(0, why.find_first_not_of(' '));
+        why.erase(std::min(why.size(), why.find('\n')));
+        size_t column = where.find("Column ");
+        *error = "not JSON (" + (column == std::string::npos ? where : "column " + where.substr(column + 7)) +
+                 (why.empty() ? "" : ": " + why) + ")";
         return false;
     }
     if (!root.isObject()) {
