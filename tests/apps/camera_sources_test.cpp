@@ -41,7 +41,10 @@ private:
     std::string path_;
 };
 
-std::string Contents(const Photo& photo) { return std::string(photo.Bytes(), photo.Bytes() + photo.size); }
+std::string Contents(const Photo& photo)
+{
+    return std::string(photo.Bytes(), photo.Bytes() + photo.size);
+}
 
 // Decodes the whole image, so a broken entropy stream fails and not only a broken header.
 bool Decode(const Photo& photo, int* width, int* height, std::vector<uint8_t>* rgb)
@@ -112,8 +115,8 @@ TEST(GeneratedSourceTest, PaddedPhotosHitTheTargetAndStillDecodeInOneReusedBuffe
         ASSERT_TRUE(plain.Open(&error));
         ASSERT_EQ(plain.Capture(0, natural, &error), PHOTO_OK);
     }
-    for (uint64_t target : {uint64_t{natural.size + 4}, uint64_t{65537 * 3 + 11}, uint64_t{3 << 20},
-                            uint64_t{natural.size / 2}}) {
+    for (uint64_t target :
+         {uint64_t{natural.size + 4}, uint64_t{65537 * 3 + 11}, uint64_t{3 << 20}, uint64_t{natural.size / 2}}) {
         SCOPED_TRACE(target);
         options.targetBytes = target;
         GeneratedSource source(options);
@@ -156,9 +159,8 @@ TEST(FolderSourceTest, ImagesInNameOrderAsTheyAreCycling)
     ASSERT_TRUE(source.Open(&error)) << error;
     ASSERT_EQ(source.Files().size(), 3u);
     Photo photo;
-    const std::pair<const char*, const char*> expected[] = {{"JPEG-A", ".jpg"}, {"PNG-B", ".png"},
-                                                            {"JPEG-C", ".jpeg"}, {"JPEG-A", ".jpg"},
-                                                            {"PNG-B", ".png"}};
+    const std::pair<const char*, const char*> expected[] = {
+        {"JPEG-A", ".jpg"}, {"PNG-B", ".png"}, {"JPEG-C", ".jpeg"}, {"JPEG-A", ".jpg"}, {"PNG-B", ".png"}};
     for (uint32_t i = 0; i < std::size(expected); ++i) {
         ASSERT_EQ(source.Capture(i, photo, &error), PHOTO_OK) << error;
         EXPECT_EQ(Contents(photo), expected[i].first) << i;

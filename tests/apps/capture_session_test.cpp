@@ -1,10 +1,10 @@
 // The capture modes as a table: inputs fed in order, the actions they give.
+#include "capture_session.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "capture_session.h"
 
 namespace QUEX::Tandra::CameraApp {
 namespace {
@@ -14,18 +14,23 @@ struct Row {
     CaptureMode mode;
     uint32_t count;
     uint32_t countdown;
-    std::string inputs;  // 't' a tick, 'E' the end of input, anything else a key
+    std::string inputs;    // 't' a tick, 'E' the end of input, anything else a key
     std::string expected;  // per input: W wait, 3.. countdown value, T take, F finish, C cancel
 };
 
 char Code(const CaptureAction& action)
 {
     switch (action.step) {
-        case CaptureStep::Wait: return 'W';
-        case CaptureStep::Countdown: return static_cast<char>('0' + action.value);
-        case CaptureStep::Take: return 'T';
-        case CaptureStep::Finish: return 'F';
-        case CaptureStep::Cancel: return 'C';
+        case CaptureStep::Wait:
+            return 'W';
+        case CaptureStep::Countdown:
+            return static_cast<char>('0' + action.value);
+        case CaptureStep::Take:
+            return 'T';
+        case CaptureStep::Finish:
+            return 'F';
+        case CaptureStep::Cancel:
+            return 'C';
     }
     return '?';
 }

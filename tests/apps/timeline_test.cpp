@@ -1,12 +1,13 @@
 // Timeline: both time forms, bad lines reported by file:line and skipped, and the pictures and
 // the text view holding one lane per device and one mark per event.
+#include "timeline.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <fstream>
 
-#include "timeline.h"
 #include "timeline_events.h"
 #include "timeline_render.h"
 #include "timeline_text.h"
@@ -45,14 +46,10 @@ private:
 TEST(TimelineTimeTest, IsoFormsAndEpochMilliseconds)
 {
     const std::pair<const char*, int64_t> good[] = {
-        {"2024-05-01T12:34:56.789Z", MAY_1},
-        {"2024-05-01 12:34:56.789", MAY_1},
-        {"2024-05-01T12:34:56.789123Z", MAY_1},
-        {"2024-05-01T14:34:56.789+02:00", MAY_1},
-        {"2024-05-01T07:04:56.789-0530", MAY_1},
-        {"2024-05-01T12:34:56Z", MAY_1 - 789},
-        {"2024-05-01T12:34:56,5Z", MAY_1 - 289},
-        {"2000-02-29T00:00:00Z", 951782400000},
+        {"2024-05-01T12:34:56.789Z", MAY_1},     {"2024-05-01 12:34:56.789", MAY_1},
+        {"2024-05-01T12:34:56.789123Z", MAY_1},  {"2024-05-01T14:34:56.789+02:00", MAY_1},
+        {"2024-05-01T07:04:56.789-0530", MAY_1}, {"2024-05-01T12:34:56Z", MAY_1 - 789},
+        {"2024-05-01T12:34:56,5Z", MAY_1 - 289}, {"2000-02-29T00:00:00Z", 951782400000},
     };
     for (const auto& [text, expected] : good) {
         int64_t ms = 0;

@@ -20,8 +20,7 @@ public:
     JpegEncoder& operator=(const JpegEncoder&) = delete;
 
     // Packed RGB, 3 bytes a pixel, rows of width*3 bytes; 4:2:0 chroma.
-    bool EncodeRgb(const uint8_t* rgb, uint32_t width, uint32_t height, int quality, Photo& out,
-                   std::string* error);
+    bool EncodeRgb(const uint8_t* rgb, uint32_t width, uint32_t height, int quality, Photo& out, std::string* error);
     // Planar 4:2:2 YUV (Y: width x height, U and V: width/2 x height each), as cameras deliver
     // after de-interleaving YUYV; no colour conversion is needed.
     bool EncodeYuv422(const uint8_t* const planes[3], uint32_t width, uint32_t height, int quality, Photo& out,

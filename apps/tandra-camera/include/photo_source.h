@@ -60,15 +60,15 @@ enum class SourceKind { Auto, Camera, Folder, Generated };
 
 struct PhotoSourceOptions {
     SourceKind kind = SourceKind::Auto;
-    std::string cameraPath;            // a /dev/videoN; empty: the first usable video* in cameraDir
+    std::string cameraPath;  // a /dev/videoN; empty: the first usable video* in cameraDir
     std::string cameraDir = "/dev";
-    std::string folder;                // image files to send as they are; empty: no folder source
+    std::string folder;                 // image files to send as they are; empty: no folder source
     std::string deviceName = "tandra";  // printed on the test card
-    uint32_t width = 1280;             // asked of the camera; size of the test card
+    uint32_t width = 1280;              // asked of the camera; size of the test card
     uint32_t height = 720;
-    uint64_t targetBytes = 0;          // generated photos are padded up to this size; 0: natural
-    int quality = 90;                  // JPEG quality of encoded photos (1-100)
-    uint32_t settleFrames = 10;        // camera frames dropped while exposure settles
+    uint64_t targetBytes = 0;            // generated photos are padded up to this size; 0: natural
+    int quality = 90;                    // JPEG quality of encoded photos (1-100)
+    uint32_t settleFrames = 10;          // camera frames dropped while exposure settles
     std::function<std::time_t()> clock;  // wall time on the test card; empty: the system clock
 };
 

@@ -13,7 +13,7 @@ namespace QUEX::Tandra::CameraApp {
 
 struct CardText {
     std::string deviceName;
-    std::string time;  // already formatted, e.g. "2024-05-01 12:34:56"
+    std::string time;          // already formatted, e.g. "2024-05-01 12:34:56"
     uint32_t photoNumber = 1;  // as the user counts: 1 for the first photo
 };
 

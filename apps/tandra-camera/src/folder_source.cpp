@@ -13,7 +13,7 @@ namespace QUEX::Tandra::CameraApp {
 
 namespace {
 
-constexpr const char* IMAGE_EXTENSIONS[] = {".jpg", ".jpeg", ".png", ".gif", ".webp", ".bmp",
+constexpr const char* IMAGE_EXTENSIONS[] = {".jpg",  ".jpeg", ".png", ".gif",  ".webp", ".bmp",
                                             ".heic", ".heif", ".tif", ".tiff", ".avif"};
 
 std::string LowerExtension(const std::string& name)
@@ -62,8 +62,8 @@ bool FolderSource::Open(std::string* error)
     std::error_code ec;
     fs::directory_iterator it(folder_, ec);
     if (ec) {
-        *error = "cannot read the photo folder " + folder_ + ": " + ec.message() +
-                 " (check the path given to --from-dir)";
+        *error =
+            "cannot read the photo folder " + folder_ + ": " + ec.message() + " (check the path given to --from-dir)";
         return false;
     }
     for (const fs::directory_entry& entry : it) {
@@ -90,7 +90,7 @@ int32_t FolderSource::Capture(uint32_t index, Photo& photo, std::string* error)
     }
     const std::string& path = files_[index % files_.size()];
     Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat st{};
+    struct stat st {};
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
         *error = "cannot read " + path + ": " + std::strerror(errno) + " (was it removed or renamed?)";
         return PHOTO_ERR_IO;

@@ -2,6 +2,7 @@
 
 #include <turbojpeg.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace QUEX::Tandra::CameraApp {
@@ -9,10 +10,10 @@ namespace QUEX::Tandra::CameraApp {
 namespace {
 
 constexpr uint8_t MARKER = 0xFF;
-constexpr uint8_t APP15 = 0xEF;  // application data no decoder claims: skipped by all
-constexpr size_t MAX_SEGMENT_LENGTH = 65535;                 // the length field counts itself
+constexpr uint8_t APP15 = 0xEF;                               // application data no decoder claims: skipped by all
+constexpr size_t MAX_SEGMENT_LENGTH = 65535;                  // the length field counts itself
 constexpr size_t MAX_SEGMENT_TOTAL = MAX_SEGMENT_LENGTH + 2;  // plus the marker
-constexpr size_t MIN_SEGMENT_TOTAL = 4;                      // marker and an empty length field
+constexpr size_t MIN_SEGMENT_TOTAL = 4;                       // marker and an empty length field
 
 }  // namespace
 
@@ -60,8 +61,8 @@ bool JpegEncoder::EncodeRgb(const uint8_t* rgb, uint32_t width, uint32_t height,
     return Finish(rc, size, out, error);
 }
 
-bool JpegEncoder::EncodeYuv422(const uint8_t* const planes[3], uint32_t width, uint32_t height, int quality,
-                               Photo& out, std::string* error)
+bool JpegEncoder::EncodeYuv422(const uint8_t* const planes[3], uint32_t width, uint32_t height, int quality, Photo& out,
+                               std::string* error)
 {
     if (handle_ == nullptr) {
         *error = "JPEG encoder unavailable: libturbojpeg could not start";
@@ -99,11 +100,11 @@ void PadJpegToSize(Photo& photo, uint64_t target, uint32_t seed)
         at[1] = APP15;
         at[2] = static_cast<uint8_t>(length >> 8);
         at[3] = static_cast<uint8_t>(length & 0xFF);
-        for (size_t i = 4; i < total; ++i) {
-            state ^= state << 13;  // xorshift32: cheap noise at memory speed
+        for (size_t i = 4; i < total; i += sizeof(state)) {
+            state ^= state << 13;  // xorshift32: cheap noise at memory speed, a word at a time
             state ^= state >> 17;
             state ^= state << 5;
-            at[i] = static_cast<uint8_t>(state);
+            std::memcpy(at + i, &state, std::min(sizeof(state), total - i));
         }
         at += total;
     }

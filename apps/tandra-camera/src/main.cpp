@@ -86,8 +86,9 @@ int main(int argc, char** argv)
     app.add_option("--generate,-n", count, "Number of photos to take (interactive: 0 for no limit)")
         ->capture_default_str();
     app.add_option("--out,-o", out, "Folder to save the photos in")->capture_default_str();
-    app.add_option("--source", source, "Where photos come from: auto (camera, else --from-dir, else generated), "
-                                       "camera, folder or generated")
+    app.add_option("--source", source,
+                   "Where photos come from: auto (camera, else --from-dir, else generated), "
+                   "camera, folder or generated")
         ->check(CLI::IsMember({"auto", "camera", "folder", "generated"}))
         ->capture_default_str();
     app.add_option("--from-dir", options.folder, "Folder of image files to send as they are, in name order");
@@ -99,8 +100,9 @@ int main(int argc, char** argv)
     app.add_option("--device-name", options.deviceName, "Name written on generated photos")->capture_default_str();
     app.add_flag("--interactive,-i", interactive, "Enter takes a photo, c cancels, q finishes");
     app.add_option("--countdown", countdown, "Seconds counted down before automatic photos")->capture_default_str();
-    app.footer("Exit status: 0 photos saved, 2 bad arguments, 3 cancelled, 4 no photo source works, "
-               "5 a photo could not be taken or saved.");
+    app.footer(
+        "Exit status: 0 photos saved, 2 bad arguments, 3 cancelled, 4 no photo source works, "
+        "5 a photo could not be taken or saved.");
     CLI11_PARSE(app, argc, argv);
 
     if (!size.empty() && !ParseImageSize(size, &options.width, &options.height)) {
@@ -166,8 +168,8 @@ int main(int argc, char** argv)
                 continue;
             }
             case CaptureStep::Finish:
-                std::cout << "Finished: " << action.value << " photo" << (action.value == 1 ? "" : "s") << " in "
-                          << out << std::endl;
+                std::cout << "Finished: " << action.value << " photo" << (action.value == 1 ? "" : "s") << " in " << out
+                          << std::endl;
                 return 0;
             case CaptureStep::Cancel:
                 std::cout << "Cancelled." << std::endl;

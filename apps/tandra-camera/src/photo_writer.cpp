@@ -10,7 +10,8 @@
 
 namespace QUEX::Tandra::CameraApp {
 
-PhotoWriter::PhotoWriter(std::string folder, std::string prefix) : folder_(std::move(folder)), prefix_(std::move(prefix))
+PhotoWriter::PhotoWriter(std::string folder, std::string prefix)
+    : folder_(std::move(folder)), prefix_(std::move(prefix))
 {
 }
 

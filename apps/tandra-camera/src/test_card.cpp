@@ -19,12 +19,18 @@ Rgb Hue(uint32_t position, uint32_t span)
     uint32_t h = static_cast<uint32_t>(static_cast<uint64_t>(position) * 1536 / std::max<uint32_t>(span, 1)) % 1536;
     uint8_t f = static_cast<uint8_t>(h % 256);
     switch (h / 256) {
-        case 0: return {255, f, 0};
-        case 1: return {static_cast<uint8_t>(255 - f), 255, 0};
-        case 2: return {0, 255, f};
-        case 3: return {0, static_cast<uint8_t>(255 - f), 255};
-        case 4: return {f, 0, 255};
-        default: return {255, 0, static_cast<uint8_t>(255 - f)};
+        case 0:
+            return {255, f, 0};
+        case 1:
+            return {static_cast<uint8_t>(255 - f), 255, 0};
+        case 2:
+            return {0, 255, f};
+        case 3:
+            return {0, static_cast<uint8_t>(255 - f), 255};
+        case 4:
+            return {f, 0, 255};
+        default:
+            return {255, 0, static_cast<uint8_t>(255 - f)};
     }
 }
 

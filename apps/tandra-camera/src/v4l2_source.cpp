@@ -63,7 +63,10 @@ V4l2Source::V4l2Source(std::string devicePath, const PhotoSourceOptions& options
 {
 }
 
-V4l2Source::~V4l2Source() { Close(); }
+V4l2Source::~V4l2Source()
+{
+    Close();
+}
 
 bool V4l2Source::Fail(const std::string& what, std::string* error)
 {
@@ -302,8 +305,8 @@ int32_t V4l2Source::Convert(const Mapping& frame, uint32_t used, Photo& photo, s
 
 std::string V4l2Source::Describe() const
 {
-    return "camera " + path_ + " (" + (mjpeg_ ? "MJPEG " : "YUYV encoded as JPEG, ") + std::to_string(width_) +
-           "x" + std::to_string(height_) + ")";
+    return "camera " + path_ + " (" + (mjpeg_ ? "MJPEG " : "YUYV encoded as JPEG, ") + std::to_string(width_) + "x" +
+           std::to_string(height_) + ")";
 }
 
 void V4l2Source::Close()

@@ -22,10 +22,10 @@ struct TimelineEvent {
     int32_t scene = -1;  // the business keys; -1 when the event has none
     int32_t stage = -1;
     int32_t result = -1;
-    int32_t state = 0;   // 0 when absent
+    int32_t state = 0;  // 0 when absent
     int32_t error = 0;
     std::vector<std::pair<std::string, std::string>> keys;  // every key as text, by name
-    std::string origin;  // "file:line"
+    std::string origin;                                     // "file:line"
 };
 
 // ISO-8601 "2024-05-01T12:34:56.789Z" (also with a space for 'T', without fraction, with a

@@ -65,8 +65,9 @@ int main(int argc, char** argv)
     app.add_flag("--text", text, "Print the side-by-side text timeline (the default without --html or --svg)");
     app.add_option("--width", width, "Width of the text timeline in characters (default: the terminal's)");
     app.add_option("--title", options.title, "Title of the picture")->capture_default_str();
-    app.footer("Exit status: 0 written, 1 a file could not be read or written or held no events, 2 bad arguments.\n"
-               "Lines that are not events are reported with file:line and skipped.");
+    app.footer(
+        "Exit status: 0 written, 1 a file could not be read or written or held no events, 2 bad arguments.\n"
+        "Lines that are not events are reported with file:line and skipped.");
     CLI11_PARSE(app, argc, argv);
 
     std::vector<TimelineEvent> events;

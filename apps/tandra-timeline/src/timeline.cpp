@@ -32,8 +32,8 @@ Timeline BuildTimeline(std::vector<TimelineEvent> events)
 std::string FormatOffset(int64_t ms)
 {
     char text[32];
-    std::snprintf(text, sizeof(text), "%s%lld.%03lld s", ms < 0 ? "-" : "+", static_cast<long long>(std::llabs(ms) / 1000),
-                  static_cast<long long>(std::llabs(ms) % 1000));
+    std::snprintf(text, sizeof(text), "%s%lld.%03lld s", ms < 0 ? "-" : "+",
+                  static_cast<long long>(std::llabs(ms) / 1000), static_cast<long long>(std::llabs(ms) % 1000));
     return text;
 }
 

@@ -62,10 +62,10 @@ constexpr const char* SCRIPT = R"(
 std::string RenderHtml(const Timeline& timeline, const RenderOptions& options)
 {
     std::ostringstream html;
-    html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>"
-         << EscapeXml(options.title) << "</title>\n<style>" << STYLE << "</style>\n</head>\n<body>\n<main>\n";
-    html << "<div class=\"chart\">\n" << SvgBody(timeline, LayOut(timeline, options.width), options, false)
-         << "</div>\n";
+    html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>" << EscapeXml(options.title)
+         << "</title>\n<style>" << STYLE << "</style>\n</head>\n<body>\n<main>\n";
+    html << "<div class=\"chart\">\n"
+         << SvgBody(timeline, LayOut(timeline, options.width), options, false) << "</div>\n";
     html << "<div id=\"tip\" hidden></div>\n";
     html << "<h2>Side by side</h2>\n<table class=\"events\">\n<tr><th>time</th>";
     for (const std::string& lane : timeline.lanes) {

@@ -10,7 +10,7 @@ namespace QUEX::Tandra::Timeline {
 
 namespace {
 
-constexpr int LEFT = 190;           // lane names
+constexpr int LEFT = 190;  // lane names
 constexpr int RIGHT = 30;
 constexpr int AXIS_Y = 78;
 constexpr int LANES_TOP = 88;
@@ -90,12 +90,24 @@ std::string EscapeXml(const std::string& text)
     out.reserve(text.size());
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
-            case '\n': out += "&#10;"; break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            case '\n':
+                out += "&#10;";
+                break;
             default:
                 if (static_cast<unsigned char>(c) < 0x20 && c != '\t') {
                     out += ' ';  // control characters are not allowed in XML
@@ -203,8 +215,8 @@ std::string SvgBody(const Timeline& timeline, const Layout& layout, const Render
             << "\" fill-opacity=\"0.7\"/><line x1=\"0\" y1=\"" << top << "\" x2=\"" << layout.width << "\" y2=\"" << top
             << "\" stroke=\"#cbd5e1\"/><text x=\"16\" y=\"" << top + 24
             << "\" font-size=\"14\" font-weight=\"bold\" fill=\"#0f172a\">" << EscapeXml(LaneName(timeline.lanes[lane]))
-            << "</text><text x=\"16\" y=\"" << top + 42 << "\" fill=\"#64748b\" font-size=\"11\">" << count
-            << " event" << (count == 1 ? "" : "s") << "</text></g>\n";
+            << "</text><text x=\"16\" y=\"" << top + 42 << "\" fill=\"#64748b\" font-size=\"11\">" << count << " event"
+            << (count == 1 ? "" : "s") << "</text></g>\n";
     }
 
     for (size_t i = 0; i < timeline.events.size(); ++i) {
@@ -237,8 +249,8 @@ std::string SvgBody(const Timeline& timeline, const Layout& layout, const Render
         {"begun", "stage begun"}, {"ok", "stage ok"}, {"failed", "failed"}, {"ended", "ended by cancel or user"}};
     for (const auto& [cls, words] : entries) {
         svg << "<g class=\"" << cls << "\"><circle cx=\"" << x + 6 << "\" cy=\"" << legendY - 4
-            << "\" r=\"5.5\" stroke=\"#fff\"/></g><text x=\"" << x + 16 << "\" y=\"" << legendY << "\" fill=\"#334155\">"
-            << words << "</text>";
+            << "\" r=\"5.5\" stroke=\"#fff\"/></g><text x=\"" << x + 16 << "\" y=\"" << legendY
+            << "\" fill=\"#334155\">" << words << "</text>";
         x += 30 + static_cast<int>(std::string(words).size() * CHAR_WIDTH);
     }
     svg << "<circle class=\"ring\" cx=\"" << x + 6 << "\" cy=\"" << legendY - 4 << "\" r=\"7\"/><text x=\"" << x + 18

@@ -11,7 +11,7 @@ namespace QUEX::Tandra::Timeline {
 
 struct Mark {
     size_t lane = 0;
-    size_t row = 0;            // captions that would overlap go on further rows of the lane
+    size_t row = 0;  // captions that would overlap go on further rows of the lane
     double x = 0;
     bool captionLeft = false;  // near the right edge the caption goes before the mark
 };

@@ -32,7 +32,8 @@ std::string RenderText(const Timeline& timeline, size_t width)
 {
     const size_t lanes = std::max<size_t>(timeline.lanes.size(), 1);
     const size_t separators = lanes * 3;
-    const size_t column = std::max<size_t>(12, (width > TIME_COLUMN + separators ? width - TIME_COLUMN - separators : 0) / lanes);
+    const size_t column =
+        std::max<size_t>(12, (width > TIME_COLUMN + separators ? width - TIME_COLUMN - separators : 0) / lanes);
 
     std::string text = "Timeline from " + FormatUtc(timeline.startMs) + ": " + std::to_string(timeline.lanes.size()) +
                        " device" + (timeline.lanes.size() == 1 ? "" : "s") + ", " +
