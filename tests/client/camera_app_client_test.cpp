@@ -7,6 +7,7 @@
 
 #include "camera_app_client.h"
 #include "serving_fixture.h"
+#include "service_process.h"
 
 namespace QUEX::Tandra::Testing {
 namespace {
@@ -53,26 +54,6 @@ void PrintTo(const RecordingCameraObserver::Call& call, std::ostream* os)
     *os << call.what << " " << call.code << " " << call.collaborationId;
 }
 
-// The framework service as a process of its own, which a test can kill.
-class ServiceProcess : public Vex::IPCObjectStub {
-public:
-    static Vex::sptr<ServiceProcess> Start()
-    {
-        Vex::ScopedIdentity as(SERVICE_PID, 1000);
-        return new ServiceProcess();
-    }
-    int OnRemoteRequest(uint32_t code, Vex::MessageParcel& data, Vex::MessageParcel& reply,
-                        Vex::MessageOption& option) override
-    {
-        Vex::ScopedCallingIdentity call(Vex::IPCSkeleton::GetCallingIdentity(), Vex::IPCSkeleton::GetSelfIdentity());
-        return host_->OnRemoteRequest(code, data, reply, option);
-    }
-
-private:
-    ServiceProcess() : Vex::IPCObjectStub(HostServiceStub::GetDescriptor()) {}
-    Vex::sptr<HostServiceStub> host_ = new HostServiceStub();
-};
-
 class CameraAppClientTest : public ServingDeviceTest {
 public:
     void SetUp() override
@@ -115,7 +96,7 @@ public:
         return call();
     }
 
-    Vex::sptr<ServiceProcess> service_ = ServiceProcess::Start();
+    Vex::sptr<ClientTesting::ServiceProcess> service_ = ClientTesting::ServiceProcess::Start(SERVICE_PID);
     RecordingCameraObserver observer_;
     std::unique_ptr<CameraAppClient> client_;
 };

@@ -7,6 +7,7 @@
 #include "client_codes.h"
 #include "requesting_fixture.h"
 #include "scripted_meshline_service.h"
+#include "service_process.h"
 #include "take_photo_client.h"
 
 namespace QUEX::Tandra::RequestingTesting {
@@ -91,27 +92,6 @@ private:
     std::atomic<bool> inside_{false};
 };
 
-// The framework service as a process of its own, which a test can kill: it hands each request
-// to the host's real service stub with the caller's identity.
-class ServiceProcess : public Vex::IPCObjectStub {
-public:
-    static Vex::sptr<ServiceProcess> Start()
-    {
-        Vex::ScopedIdentity as(SERVICE_PID, 1000);
-        return new ServiceProcess();
-    }
-    int OnRemoteRequest(uint32_t code, Vex::MessageParcel& data, Vex::MessageParcel& reply,
-                        Vex::MessageOption& option) override
-    {
-        Vex::ScopedCallingIdentity call(Vex::IPCSkeleton::GetCallingIdentity(), Vex::IPCSkeleton::GetSelfIdentity());
-        return host_->OnRemoteRequest(code, data, reply, option);
-    }
-
-private:
-    ServiceProcess() : Vex::IPCObjectStub(HostServiceStub::GetDescriptor()) {}
-    Vex::sptr<HostServiceStub> host_ = new HostServiceStub();
-};
-
 class TakePhotoClientTest : public RequestingDeviceTest {
 public:
     void TearDown() override
@@ -168,7 +148,7 @@ public:
         PeerSends(c, CameraMessage(CODE_PHOTO, photo.size(), photo), true);
     }
 
-    Vex::sptr<ServiceProcess> service_ = ServiceProcess::Start();
+    Vex::sptr<ClientTesting::ServiceProcess> service_ = ClientTesting::ServiceProcess::Start(SERVICE_PID);
     RecordingObserver observer_;
     std::unique_ptr<TakePhotoClient> client_;
 };
