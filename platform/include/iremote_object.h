@@ -41,6 +41,8 @@ constexpr int32_t ERR_DEAD_OBJECT = -32;
 constexpr int32_t ERR_INVALID_DATA = -22;
 constexpr int32_t ERR_UNKNOWN_TRANSACTION = -74;
 constexpr int32_t ERR_TRANSACTION_FAILED = -71;
+// A synchronous request across processes got no reply within its wait time.
+constexpr int32_t ERR_TIMED_OUT = -110;
 
 class IRemoteObject : public virtual RefBase {
 public:
