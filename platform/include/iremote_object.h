@@ -4,24 +4,14 @@
 // death-notice thread, and requests to it fail with ERR_DEAD_OBJECT.
 // Thread-safety: all operations may be called from any thread.
 //
-// Transports. Today the only one is in-process: IPCObjectStub::SendRequest runs the request
-// itself. A cross-process transport is added below this line, with no change above the
-// platform (plugin and host see only IRemoteObject, IRemoteProxy<I>, iface_cast, MessageParcel):
-//   - a proxy object class (IsProxyObject() true) stands for a stub of another process, one per
-//     object handle on a Unix-socket connection to that process, and carries the stub's
-//     descriptor, so iface_cast and the registered proxies work on it unchanged;
-//   - its SendRequest sends the parcel's bytes and side tables: GetObjects() as object handles
-//     (local stubs exported, proxies passed back as their handles), GetFileDescriptors() with
-//     SCM_RIGHTS, GetOutOfLineData() streamed after the bytes; a synchronous request waits up
-//     to MessageOption::GetWaitTime() for the reply, TF_ASYNC returns once sent;
-//   - the receiving connection thread rebuilds a MessageParcel from the same bytes with
-//     AppendObject / AdoptFileDescriptor / AppendOutOfLineData, takes the caller's identity
-//     from the socket's peer credentials (SO_PEERCRED) and runs the stub's OnRemoteRequest
-//     under ScopedCallingIdentity(peer, owner), exactly as the in-process path does;
-//   - when a connection drops, the transport calls ProcessRegistry::DeclareDead(peer pid).
-//     Proxies keep death recipients with the same bookkeeping as stubs (TakeDeathRecipients,
-//     ClaimDeathNotice), moved then into a base shared by both that the registry's
-//     Attach/Detach take, so recipients fire once on the death-notice thread either way.
+// Transports. In process, IPCObjectStub::SendRequest runs the request itself. Across
+// processes (ipc_server.h, ipc_client.h), an IPCObjectProxy (IsProxyObject() true) stands for
+// a stub of the process at the other end of a Unix-socket connection and carries the stub's
+// descriptor, so iface_cast and the registered proxies work on it unchanged; the receiving
+// side runs the stub's OnRemoteRequest under the socket's peer credentials. Both kinds share
+// IPCObjectBase's death bookkeeping, so recipients fire once on the death-notice thread
+// either way. Plugin and host see only IRemoteObject, IRemoteProxy<I>, iface_cast and
+// MessageParcel.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +31,8 @@ constexpr int32_t ERR_DEAD_OBJECT = -32;
 constexpr int32_t ERR_INVALID_DATA = -22;
 constexpr int32_t ERR_UNKNOWN_TRANSACTION = -74;
 constexpr int32_t ERR_TRANSACTION_FAILED = -71;
+// A synchronous request across processes got no reply within its wait time.
+constexpr int32_t ERR_TIMED_OUT = -110;
 
 class IRemoteObject : public virtual RefBase {
 public:

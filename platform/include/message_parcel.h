@@ -9,8 +9,12 @@
 //     returns a fresh duplicate owned by the caller;
 //   - RawData: Int32 size, Int32 placement (0 inline, 1 out of line); inline data follows
 //     padded to 4 bytes; out of line, an Int32 index into the out-of-line table follows and
-//     the bytes live in one separate buffer there (no inline copy). Data above
-//     RAW_DATA_INLINE_LIMIT bytes goes out of line.
+//     the bytes live in one separate immutable block there (no inline copy). Data above
+//     RAW_DATA_INLINE_LIMIT bytes goes out of line, written into a sealed memfd (see
+//     raw_data_block.h) so that a transport passes it to another process as a descriptor.
+// Copies per raw byte: WriteRawData(pointer) copies once (inline: into the stream; out of
+// line: the kernel's write into the memfd); WriteRawData(buffer) and ReadRawData copy none;
+// CopyFrom shares the blocks.
 // Thread-safety: none; a parcel belongs to one thread at a time.
 #pragma once
 
@@ -19,6 +23,7 @@
 #include <vector>
 
 #include "parcel.h"
+#include "raw_data_block.h"
 
 namespace Vex {
 
@@ -45,7 +50,7 @@ public:
     // A new duplicate owned by the caller, or -1.
     int ReadFileDescriptor();
 
-    // Copies size bytes (once) into the parcel.
+    // Copies size bytes (once) into the parcel (large data into a sealed memfd).
     bool WriteRawData(const void* data, size_t size);
     // Takes ownership of an existing buffer without copying (out of line).
     bool WriteRawData(std::unique_ptr<uint8_t[]> data, size_t size);
@@ -57,17 +62,19 @@ public:
     // Side tables, for transports.
     const std::vector<sptr<IRemoteObject>>& GetObjects() const { return objects_; }
     const std::vector<int>& GetFileDescriptors() const { return fds_; }
-    const std::vector<std::pair<std::unique_ptr<uint8_t[]>, size_t>>& GetOutOfLineData() const { return raw_; }
+    const std::vector<std::shared_ptr<const RawDataBlock>>& GetOutOfLineData() const { return raw_; }
     void AppendObject(const sptr<IRemoteObject>& object) { objects_.push_back(object); }
     void AdoptFileDescriptor(int fd) { fds_.push_back(fd); }
-    void AppendOutOfLineData(std::unique_ptr<uint8_t[]> data, size_t size) { raw_.emplace_back(std::move(data), size); }
-    // Copies the bytes and side tables of another parcel (descriptors are duplicated).
+    void AppendOutOfLineData(std::shared_ptr<const RawDataBlock> block) { raw_.push_back(std::move(block)); }
+    // Copies the bytes and side tables of another parcel (descriptors are duplicated, raw
+    // data blocks shared: they are immutable).
     bool CopyFrom(const MessageParcel& other);
 
 private:
     std::vector<sptr<IRemoteObject>> objects_;
     std::vector<int> fds_;
-    std::vector<std::pair<std::unique_ptr<uint8_t[]>, size_t>> raw_;
+    bool AppendRawBlock(std::shared_ptr<const RawDataBlock> block);
+    std::vector<std::shared_ptr<const RawDataBlock>> raw_;
 };
 
 }  // namespace Vex

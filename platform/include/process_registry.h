@@ -7,16 +7,22 @@
 
 #include <chrono>
 #include <cstdint>
+#include <vector>
+
+#include "refbase.h"
 
 namespace Vex {
 
-class IPCObjectStub;
+class IPCObjectBase;
 
 class ProcessRegistry {
 public:
     static ProcessRegistry& Get();
 
     void DeclareDead(int32_t pid);
+    // Used by transports: these objects died on their own (their connection closed while the
+    // owning pid may live on, as when a process talks to itself); recipients fire as above.
+    void DeclareObjectsDead(const std::vector<sptr<IPCObjectBase>>& objects);
     bool IsDead(int32_t pid) const;
     // Test seam: a pid may be reused by a new process.
     void Revive(int32_t pid);
@@ -24,9 +30,9 @@ public:
     // (real time, since notices run on a real thread).
     bool WaitForDeathNotices(std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
 
-    // Used by stubs to join and leave their owner's object list.
-    void Attach(IPCObjectStub* stub, int32_t pid);
-    void Detach(IPCObjectStub* stub, int32_t pid);
+    // Used by objects (stubs and proxies) to join and leave their owner's object list.
+    void Attach(IPCObjectBase* object, int32_t pid);
+    void Detach(IPCObjectBase* object, int32_t pid);
 
 private:
     ProcessRegistry();

@@ -125,12 +125,18 @@ bool MessageParcel::WriteRawData(const void* data, size_t size)
         }
         return true;
     }
-    std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[size]);
-    if (copy == nullptr) {
-        return false;
+    std::string error;
+    std::shared_ptr<const RawDataBlock> block = RawDataBlock::FromBytes(data, size, &error);
+    if (block == nullptr) {
+        // No memfd (descriptor limit): a heap copy still serves this process.
+        std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[size]);
+        if (copy == nullptr) {
+            return false;
+        }
+        std::memcpy(copy.get(), data, size);
+        block = RawDataBlock::Adopt(std::move(copy), size);
     }
-    std::memcpy(copy.get(), data, size);
-    return WriteRawData(std::move(copy), size);
+    return AppendRawBlock(std::move(block));
 }
 
 bool MessageParcel::WriteRawData(std::unique_ptr<uint8_t[]> data, size_t size)
@@ -138,13 +144,18 @@ bool MessageParcel::WriteRawData(std::unique_ptr<uint8_t[]> data, size_t size)
     if (size > MAX_RAW_DATA_SIZE || (data == nullptr && size > 0)) {
         return false;
     }
+    return AppendRawBlock(RawDataBlock::Adopt(std::move(data), size));
+}
+
+bool MessageParcel::AppendRawBlock(std::shared_ptr<const RawDataBlock> block)
+{
     size_t start = GetWritePosition();
-    if (!WriteInt32(static_cast<int32_t>(size)) || !WriteInt32(RAW_OUT_OF_LINE) ||
+    if (!WriteInt32(static_cast<int32_t>(block->Size())) || !WriteInt32(RAW_OUT_OF_LINE) ||
         !WriteInt32(static_cast<int32_t>(raw_.size()))) {
         RewindWrite(start);
         return false;
     }
-    raw_.emplace_back(std::move(data), size);
+    raw_.push_back(std::move(block));
     return true;
 }
 
@@ -166,20 +177,18 @@ const void* MessageParcel::ReadRawData(size_t size)
     }
     int32_t index = -1;
     if (placement != RAW_OUT_OF_LINE || !ReadInt32(index) || index < 0 || static_cast<size_t>(index) >= raw_.size() ||
-        raw_[static_cast<size_t>(index)].second != size) {
+        raw_[static_cast<size_t>(index)]->Size() != size) {
         RewindRead(start);
         return nullptr;
     }
-    static const uint8_t empty = 0;
-    const uint8_t* bytes = raw_[static_cast<size_t>(index)].first.get();
-    return bytes != nullptr ? bytes : &empty;
+    return raw_[static_cast<size_t>(index)]->Data();
 }
 
 size_t MessageParcel::GetRawDataSize() const
 {
     size_t total = 0;
-    for (const auto& item : raw_) {
-        total += item.second;
+    for (const auto& block : raw_) {
+        total += block->Size();
     }
     return total;
 }
@@ -201,22 +210,6 @@ bool MessageParcel::CopyFrom(const MessageParcel& other)
         }
         fds.push_back(copy);
     }
-    std::vector<std::pair<std::unique_ptr<uint8_t[]>, size_t>> raw;
-    raw.reserve(other.raw_.size());
-    for (const auto& item : other.raw_) {
-        std::unique_ptr<uint8_t[]> copy;
-        if (item.second > 0) {
-            copy.reset(new (std::nothrow) uint8_t[item.second]);
-            if (copy == nullptr) {
-                for (int opened : fds) {
-                    close(opened);
-                }
-                return false;
-            }
-            std::memcpy(copy.get(), item.first.get(), item.second);
-        }
-        raw.emplace_back(std::move(copy), item.second);
-    }
     size_t maxCapacity = GetMaxCapacity();
     RewindWrite(0);
     SetMaxCapacity(other.GetMaxCapacity() > maxCapacity ? other.GetMaxCapacity() : maxCapacity);
@@ -232,7 +225,7 @@ bool MessageParcel::CopyFrom(const MessageParcel& other)
     }
     fds_ = std::move(fds);
     objects_ = other.objects_;
-    raw_ = std::move(raw);
+    raw_ = other.raw_;
     return true;
 }
 

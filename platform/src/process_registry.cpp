@@ -1,4 +1,4 @@
-// ProcessRegistry: pid -> live stubs, the set of dead pids, and the death-notice thread.
+// ProcessRegistry: pid -> live objects (stubs and proxies), the set of dead pids, and the death-notice thread.
 // Lock order: the registry's mutex may be held while a stub's mutex is taken, never the other
 // way round; no lock is held while a recipient runs or while a stub reference is dropped (the
 // last reference runs the stub's destructor, which detaches under the registry's mutex).
@@ -14,14 +14,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "iremote_stub.h"
+#include "ipc_object_base.h"
 
 namespace Vex {
 
 namespace {
 
 struct DeathNotice {
-    sptr<IPCObjectStub> object;
+    sptr<IPCObjectBase> object;
     std::vector<sptr<IRemoteObject::DeathRecipient>> recipients;
 };
 
@@ -31,7 +31,7 @@ struct ProcessRegistry::Impl {
     mutable std::mutex mutex;
     // The control block is recorded at Attach (on the stub's own thread): reading it later
     // through the stub would race with a concurrent destructor rewriting the object's vtable.
-    std::unordered_map<int32_t, std::unordered_map<IPCObjectStub*, RefCounter*>> stubs;
+    std::unordered_map<int32_t, std::unordered_map<IPCObjectBase*, RefCounter*>> stubs;
     std::set<int32_t> deadPids;
 
     // The death-notice queue has its own lock so that delivery never contends with Attach.
@@ -102,7 +102,7 @@ ProcessRegistry::~ProcessRegistry()
 
 void ProcessRegistry::DeclareDead(int32_t pid)
 {
-    std::vector<sptr<IPCObjectStub>> objects;
+    std::vector<sptr<IPCObjectBase>> objects;
     {
         std::lock_guard<std::mutex> lock(impl_->mutex);
         impl_->deadPids.insert(pid);
@@ -138,6 +138,20 @@ void ProcessRegistry::DeclareDead(int32_t pid)
     }
 }
 
+void ProcessRegistry::DeclareObjectsDead(const std::vector<sptr<IPCObjectBase>>& objects)
+{
+    std::vector<DeathNotice> batch;
+    for (const auto& object : objects) {
+        auto recipients = object->TakeDeathRecipients();
+        if (!recipients.empty()) {
+            batch.push_back(DeathNotice{object, std::move(recipients)});
+        }
+    }
+    if (!batch.empty()) {
+        impl_->Enqueue(std::move(batch));
+    }
+}
+
 bool ProcessRegistry::IsDead(int32_t pid) const
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -160,13 +174,13 @@ bool ProcessRegistry::WaitForDeathNotices(std::chrono::milliseconds timeout)
     return impl_->deliveredCv.wait_for(lock, timeout, [this, target] { return impl_->delivered >= target; });
 }
 
-void ProcessRegistry::Attach(IPCObjectStub* stub, int32_t pid)
+void ProcessRegistry::Attach(IPCObjectBase* stub, int32_t pid)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->stubs[pid][stub] = stub->GetRefCounter();
 }
 
-void ProcessRegistry::Detach(IPCObjectStub* stub, int32_t pid)
+void ProcessRegistry::Detach(IPCObjectBase* stub, int32_t pid)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     auto it = impl_->stubs.find(pid);
