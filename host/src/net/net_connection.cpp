@@ -330,9 +330,6 @@ void NetConnection::CloseOnStrand(const std::string& reason)
     }
     closed_ = true;
     deadline_.cancel();
-    asio::error_code ignored;
-    stream_.lowest_layer().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
-    stream_.lowest_layer().close(ignored);
     // The frame being written stays until its write handler runs: its buffers are in use.
     if (writing_) {
         while (queue_.size() > 1) {
@@ -344,9 +341,13 @@ void NetConnection::CloseOnStrand(const std::string& reason)
     ClosedHandler closed = std::move(onClosed_);
     onClosed_ = nullptr;
     onFrame_ = nullptr;
+    // The owner hears (and logs) why before the peer can see the socket close.
     if (closed) {
         closed(shared_from_this(), reason);
     }
+    asio::error_code ignored;
+    stream_.lowest_layer().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    stream_.lowest_layer().close(ignored);
 }
 
 }  // namespace Tandra

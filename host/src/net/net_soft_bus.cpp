@@ -42,7 +42,8 @@ std::string Short(const std::string& fp)
 
 bool IsProtocolError(const std::string& reason)
 {
-    return reason.rfind("bad frame", 0) == 0 || reason.rfind("protocol", 0) == 0;
+    return reason.rfind("bad frame", 0) == 0 || reason.rfind("protocol", 0) == 0 ||
+           reason.rfind("TLS handshake failed", 0) == 0;
 }
 
 // Opening of a control session this device asked for: the peer's answer.
