@@ -182,7 +182,11 @@ void NetConnection::ReadBody(const FrameHeader& header)
     }
     readingCapacity_ = capacity;
     auto self = shared_from_this();
-    auto finish = [self, header](const asio::error_code& ec, size_t) {
+    // The completion condition counts progress before each read, so a long body keeps the link
+    // alive and shows in the counters while it arrives; the last read is counted here.
+    auto counted = std::make_shared<size_t>(0);
+    auto finish = [self, header, counted](const asio::error_code& ec, size_t n) {
+        self->bytesIn_.fetch_add(n - std::min(n, *counted), std::memory_order_relaxed);
         if (self->closed_) {
             return;
         }
@@ -223,9 +227,6 @@ void NetConnection::ReadBody(const FrameHeader& header)
         asio::post(strand_, [finish] { finish(asio::error_code(), 0); });
         return;
     }
-    // The completion condition counts progress, so a long body keeps the link alive and shows
-    // in the counters while it arrives.
-    auto counted = std::make_shared<size_t>(0);
     asio::async_read(stream_, asio::buffer(reading_.get(), header.length),
                      [self, counted](const asio::error_code& ec, size_t n) -> size_t {
                          self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);

@@ -29,24 +29,24 @@ int64_t BodyLimit(FrameType type, FrameRole role, const FrameLimits& limits)
 {
     switch (type) {
         case FrameType::HELLO:
-            return role == FrameRole::HANDSHAKE ? FrameLimits::MAX_META_BODY : -1;
+            return role == FrameRole::HANDSHAKE ? int64_t{FrameLimits::MAX_META_BODY} : -1;
         case FrameType::HEARTBEAT:
-            return role == FrameRole::HANDSHAKE ? -1 : 0;
+            return role == FrameRole::HANDSHAKE ? int64_t{-1} : 0;
         case FrameType::ABILITIES:
-            return role == FrameRole::CONTROL ? FrameLimits::MAX_META_BODY : -1;
+            return role == FrameRole::CONTROL ? int64_t{FrameLimits::MAX_META_BODY} : -1;
         case FrameType::PAIR_REQUEST:
         case FrameType::PAIR_CONFIRM:
         case FrameType::OPEN_RESULT:
         case FrameType::CLOSE_SESSION:
-            return role == FrameRole::CONTROL ? 0 : -1;
+            return role == FrameRole::CONTROL ? int64_t{0} : -1;
         case FrameType::OPEN_SESSION:
         case FrameType::CTRL_MESSAGE:
-            return role == FrameRole::CONTROL ? limits.maxControlBody : -1;
+            return role == FrameRole::CONTROL ? int64_t{limits.maxControlBody} : -1;
         case FrameType::OPEN_CHANNEL:
         case FrameType::CLOSE_CHANNEL:
-            return role == FrameRole::DATA ? 0 : -1;
+            return role == FrameRole::DATA ? int64_t{0} : -1;
         case FrameType::DATA_MESSAGE:
-            return role == FrameRole::DATA ? limits.maxDataBody : -1;
+            return role == FrameRole::DATA ? int64_t{limits.maxDataBody} : -1;
     }
     return -1;
 }

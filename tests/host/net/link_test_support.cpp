@@ -65,6 +65,10 @@ void LinkRecorder::OnDataMessage(int32_t channelId, const CtrlSessionInfo* sessi
     e.len = len;
     e.type = type;
     e.sum = Checksum(data, len);
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        cv_.wait(lock, [this] { return dataGateOpen_; });
+    }
     Add(e);
 }
 
@@ -108,6 +112,13 @@ void LinkRecorder::SetOpenResult(int32_t result)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     openResult_ = result;
+}
+
+void LinkRecorder::SetDataGate(bool open)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    dataGateOpen_ = open;
+    cv_.notify_all();
 }
 
 void LinkRecorder::Add(Event e)
@@ -182,8 +193,17 @@ std::map<std::string, bool> LinkRecorder::PairingResults()
 
 bool LinkRecorder::Await(const std::function<bool()>& pred, std::chrono::milliseconds timeout)
 {
+    // Re-checked every few milliseconds too: predicates may also read bus state that changes
+    // without a recorder event (traffic counters).
+    auto deadline = std::chrono::steady_clock::now() + timeout;
     std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, timeout, pred);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        cv_.wait_for(lock, std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 TempDir::TempDir()

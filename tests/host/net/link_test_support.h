@@ -45,6 +45,8 @@ public:
     void OnPairingFinished(const std::string& networkId, bool trusted) override;
 
     void SetOpenResult(int32_t result);
+    // While closed, data deliveries wait (a slow receiver); opening releases them.
+    void SetDataGate(bool open);
     std::vector<Event> Events();
     std::vector<Event> EventsOf(const std::string& kind);
     size_t Count(const std::string& kind);
@@ -61,6 +63,7 @@ private:
     std::mutex mutex_;
     std::condition_variable cv_;
     int32_t openResult_ = 0;
+    bool dataGateOpen_ = true;
     std::vector<Event> events_;
     std::map<std::string, int> linked_;
     std::map<std::string, size_t> lost_;
