@@ -5,7 +5,7 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-packages=(cmake ninja-build g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev)
+packages=(cmake ninja-build g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev libasio-dev libssl-dev libavahi-client-dev iproute2)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
