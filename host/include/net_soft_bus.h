@@ -1,0 +1,108 @@
+// NetSoftBus: the SoftBus between daemons on different devices, over TCP with TLS 1.3 and
+// mutual certificate authentication (identity: NetIdentity; peers accepted only when paired,
+// NetTrustStore). Devices are found by UDP broadcast and by static host:port entries.
+//
+// Links: per peer, one control connection (sessions, control messages, pairing, heartbeats)
+// and one data connection (data channels and their messages), both dialled by the device with
+// the lower fingerprint so that two devices never hold two links. Data has its own connection
+// instead of interleaved chunks: a control message (a cancel) never queues behind photo bytes,
+// neither in our send queue nor in TCP's buffers, and a data message can go out from the
+// caller's buffer and come in straight into one buffer without chunk reassembly.
+// Heartbeats on the control connection detect a silent peer within the link timeout; a dropped
+// link closes its sessions (OnCtrlSessionClosed) and channels and tells the LinkObserver; the
+// lower side redials. The interface named in the configuration is watched with rtnetlink: down
+// is Wi-Fi off (links dropped, no dialling), up again re-establishes links.
+//
+// Copies per hop: a control message is copied once into the send queue (SendCtrlMessage returns
+// at once); a data message is encrypted straight from the caller's buffer (SendDataMessage
+// returns once it is all written to the socket). A received message is decrypted once into one
+// buffer (reused for the next message of its connection) and the listener gets a pointer into it.
+// Each connection has one I/O owner (an asio strand) and a send queue; one thread runs all I/O.
+// Listener calls of one peer come in order on that peer's delivery thread; an opening runs on
+// its own thread. Bounded memory: bodies are allocated only after their header is checked
+// against the limits; deliveries waiting on a slow listener stop the peer's data reads.
+// Thread-safety: every operation may be called from any thread, also inside listener calls.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device_context.h"
+#include "net_link_types.h"
+#include "soft_bus.h"
+
+namespace QUEX {
+namespace Tandra {
+
+struct NetBusConfig {
+    std::string stateDir;            // identity and paired devices
+    std::string deviceName;
+    uint32_t deviceType = 0;
+    std::string bindAddress = "0.0.0.0";
+    uint16_t port = 0;               // TLS port; 0 = ephemeral (GetPort tells)
+    uint16_t discoveryPort = 0;      // UDP broadcast announcements; 0 = none
+    std::string broadcastAddress = "255.255.255.255";
+    std::vector<std::string> staticPeers;  // "host:port"
+    std::string interfaceName;       // watched as the Wi-Fi state; "" = always on
+    bool trustOnFirstUse = false;    // demos and tests only: trust any certificate first seen
+    std::chrono::milliseconds heartbeatInterval{1000};
+    std::chrono::milliseconds linkTimeout{3000};
+    uint32_t maxControlMessage = 4u << 20;
+    uint32_t maxDataMessage = 1u << 30;
+};
+
+class NetSoftBus : public SoftBus {
+public:
+    // Loads or creates the identity and the trust store; nothing listens yet.
+    static std::unique_ptr<NetSoftBus> Create(const NetBusConfig& config, std::string* error);
+    ~NetSoftBus() override;
+
+    // Listens, announces, dials static peers, watches the interface. 0 or HOST_ERR_* and *error.
+    int32_t Start(std::string* error);
+    // Drops every link (peers see them close), joins the bus's threads. Idempotent; the
+    // destructor calls it. REQUIRES: not called from a listener or observer call.
+    void Stop();
+
+    DeviceIdentity GetLocalIdentity();
+    uint16_t GetPort();
+    // Sent to linked peers now and to every peer after its handshake.
+    void SetLocalAbilities(std::vector<AbilityInfo> abilities);
+    std::vector<PeerDevice> GetPeerDevices();
+    std::vector<KnownDevice> GetKnownDevices();
+    bool IsWifiActive();
+    // Asks the named device (name or network id, as discovered) to pair; *shortCode is the code
+    // both devices show. Trust follows when both sides ConfirmPairing. 0 or HOST_ERR_* and *error.
+    int32_t RequestPairing(const std::string& nameOrId, std::string* shortCode, std::string* error);
+    int32_t ConfirmPairing(const std::string& nameOrId, bool accept, std::string* error);
+    // Forgets the device's certificate and drops its link.
+    int32_t Unpair(const std::string& nameOrId, std::string* error);
+    // Null stops the notices. The observer must outlive its registration.
+    void SetLinkObserver(LinkObserver* observer);
+    // Traffic of the link to a peer (zeros when none); for tests and benchmarks.
+    NetLinkStats GetLinkStats(const std::string& networkId);
+
+    // SoftBus
+    void SetListener(SoftBusListener* listener) override;
+    std::pair<int32_t, int32_t> OpenCtrlSession(const std::string& peerNetworkId, const std::string& sessionName,
+                                                const std::string& commandText) override;
+    int32_t CloseCtrlSession(int32_t sessionId, bool notifyPeer) override;
+    bool HasCtrlSession(int32_t sessionId) override;
+    int32_t SendCtrlMessage(int32_t sessionId, const char* data, uint32_t len, uint32_t type) override;
+    std::pair<int32_t, int32_t> OpenDataChannel(const std::string& peerDeviceId,
+                                                const SessionAttribute& attr) override;
+    int32_t CloseDataChannel(int32_t channelId) override;
+    int32_t SendDataMessage(int32_t channelId, int32_t ctrlSessionId, const char* data, uint32_t len, uint32_t type,
+                            bool isFirst) override;
+
+    struct Impl;
+
+private:
+    explicit NetSoftBus(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Tandra
+}  // namespace QUEX

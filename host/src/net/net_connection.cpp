@@ -1,0 +1,355 @@
+// One TLS connection: handshake, frame reads into their final buffers, the write queue.
+#include "net_connection.h"
+
+#include <openssl/ssl.h>
+
+#include "net_identity.h"
+
+namespace QUEX {
+namespace Tandra {
+
+void SendCompletion::Finish(bool ok)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ == 0) {
+        state_ = ok ? 1 : 2;
+        cv_.notify_all();
+    }
+}
+
+bool SendCompletion::Wait()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    cv_.wait(lock, [this] { return state_ != 0; });
+    return state_ == 1;
+}
+
+RxBody::~RxBody()
+{
+    if (release_ && data_) {
+        release_(std::move(data_), capacity_);
+    }
+}
+
+struct NetConnection::TxItem {
+    uint8_t header[FRAME_HEADER_SIZE];
+    const char* body = nullptr;
+    size_t len = 0;
+    std::unique_ptr<char[]> owned;  // header and body together
+    size_t ownedLen = 0;
+    std::shared_ptr<SendCompletion> done;
+    bool closeMarker = false;
+    std::string closeReason;
+    ~TxItem()
+    {
+        if (done) {
+            done->Finish(false);
+        }
+    }
+};
+
+NetConnection::NetConnection(asio::io_context& io, asio::ssl::context& ssl, asio::ip::tcp::socket socket, bool dialed,
+                             FrameLimits limits)
+    : stream_(std::move(socket), ssl), strand_(asio::make_strand(io)), deadline_(io), dialed_(dialed), limits_(limits)
+{
+    Touch();
+}
+
+NetConnection::~NetConnection() = default;
+
+void NetConnection::Touch()
+{
+    lastReceivedNs_.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
+}
+
+std::chrono::steady_clock::time_point NetConnection::LastReceived() const
+{
+    return std::chrono::steady_clock::time_point(
+        std::chrono::steady_clock::duration(lastReceivedNs_.load(std::memory_order_relaxed)));
+}
+
+void NetConnection::Start(std::chrono::milliseconds handshakeDeadline, ReadyHandler ready, FrameHandler frame,
+                          ClosedHandler closed)
+{
+    auto self = shared_from_this();
+    asio::dispatch(strand_, [self, handshakeDeadline, ready = std::move(ready), frame = std::move(frame),
+                             closed = std::move(closed)]() mutable {
+        self->onFrame_ = std::move(frame);
+        self->onClosed_ = std::move(closed);
+        asio::error_code ec;
+        auto remote = self->stream_.lowest_layer().remote_endpoint(ec);
+        if (!ec) {
+            self->remoteAddress_ = remote.address().to_string();
+        }
+        // Covers the handshake and the hello: a connection that says nothing is dropped.
+        self->deadline_.expires_after(handshakeDeadline);
+        self->deadline_.async_wait(asio::bind_executor(self->strand_, [self](const asio::error_code& e) {
+            if (!e && self->role_ == FrameRole::HANDSHAKE) {
+                self->CloseOnStrand("no TLS handshake and hello within the deadline");
+            }
+        }));
+        auto type = self->dialed_ ? asio::ssl::stream_base::client : asio::ssl::stream_base::server;
+        self->stream_.async_handshake(
+            type, asio::bind_executor(self->strand_, [self, ready = std::move(ready)](const asio::error_code& e) {
+                if (self->closed_) {
+                    return;
+                }
+                if (e) {
+                    self->CloseOnStrand("TLS handshake failed: " + e.message());
+                    return;
+                }
+                X509* cert = SSL_get1_peer_certificate(self->stream_.native_handle());
+                self->peerFingerprint_ = NetIdentity::FingerprintOf(cert);
+                X509_free(cert);
+                if (self->peerFingerprint_.empty() || SSL_version(self->stream_.native_handle()) != TLS1_3_VERSION) {
+                    self->CloseOnStrand("the peer presented no certificate or not TLS 1.3");
+                    return;
+                }
+                self->Touch();
+                ready(self);
+                if (!self->closed_) {
+                    self->ReadHeader();
+                }
+            }));
+    });
+}
+
+void NetConnection::ReadHeader()
+{
+    auto self = shared_from_this();
+    asio::async_read(stream_, asio::buffer(header_),
+                     asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
+                         if (self->closed_) {
+                             return;
+                         }
+                         self->bytesIn_.fetch_add(n, std::memory_order_relaxed);
+                         if (ec) {
+                             bool eof = ec == asio::error::eof || ec == asio::ssl::error::stream_truncated;
+                             self->CloseOnStrand(eof ? "the peer closed the connection"
+                                                     : "read failed: " + ec.message());
+                             return;
+                         }
+                         self->Touch();
+                         FrameHeader header;
+                         std::string error;
+                         if (!DecodeFrameHeader(self->header_, self->role_, self->limits_, &header, &error)) {
+                             self->CloseOnStrand("bad frame: " + error);
+                             return;
+                         }
+                         self->ReadBody(header);
+                     }));
+}
+
+std::unique_ptr<char[]> NetConnection::AcquireDataBuffer(size_t len, size_t* capacity)
+{
+    std::lock_guard<std::mutex> lock(bufferMutex_);
+    ++outstanding_;
+    if (spare_ && spareCapacity_ >= len) {
+        *capacity = spareCapacity_;
+        spareCapacity_ = 0;
+        return std::move(spare_);
+    }
+    *capacity = len;
+    return std::unique_ptr<char[]>(new char[len]);
+}
+
+void NetConnection::ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t capacity)
+{
+    {
+        std::lock_guard<std::mutex> lock(bufferMutex_);
+        --outstanding_;
+        if (capacity > spareCapacity_) {
+            spare_ = std::move(buffer);
+            spareCapacity_ = capacity;
+        }
+    }
+    auto self = shared_from_this();
+    asio::post(strand_, [self] {
+        if (self->readParked_ && !self->closed_) {
+            self->readParked_ = false;
+            self->ReadHeader();
+        }
+    });
+}
+
+void NetConnection::ReadBody(const FrameHeader& header)
+{
+    size_t capacity = header.length;
+    if (header.type == FrameType::DATA_MESSAGE) {
+        reading_ = AcquireDataBuffer(header.length, &capacity);
+    } else {
+        reading_.reset(header.length == 0 ? nullptr : new char[header.length]);
+    }
+    readingCapacity_ = capacity;
+    auto self = shared_from_this();
+    // The completion condition counts progress before each read, so a long body keeps the link
+    // alive and shows in the counters while it arrives; the last read is counted here.
+    auto counted = std::make_shared<size_t>(0);
+    auto finish = [self, header, counted](const asio::error_code& ec, size_t n) {
+        self->bytesIn_.fetch_add(n - std::min(n, *counted), std::memory_order_relaxed);
+        if (self->closed_) {
+            return;
+        }
+        if (ec) {
+            self->CloseOnStrand("read failed: " + ec.message());
+            return;
+        }
+        std::shared_ptr<RxBody> body;
+        bool isData = header.type == FrameType::DATA_MESSAGE;
+        if (isData) {
+            std::weak_ptr<NetConnection> weak = self;
+            body = std::make_shared<RxBody>(std::move(self->reading_), header.length, self->readingCapacity_,
+                                            [weak](std::unique_ptr<char[]> buffer, size_t capacity) {
+                                                if (auto conn = weak.lock()) {
+                                                    conn->ReleaseDataBuffer(std::move(buffer), capacity);
+                                                }
+                                            });
+        } else {
+            body = std::make_shared<RxBody>(std::move(self->reading_), header.length, header.length, nullptr);
+        }
+        if (header.type == FrameType::HELLO) {
+            self->deadline_.cancel();
+        }
+        self->onFrame_(self, header, std::move(body));
+        if (self->closed_) {
+            return;
+        }
+        if (isData) {
+            std::lock_guard<std::mutex> lock(self->bufferMutex_);
+            if (self->outstanding_ >= 2) {
+                self->readParked_ = true;
+                return;
+            }
+        }
+        self->ReadHeader();
+    };
+    if (header.length == 0) {
+        asio::post(strand_, [finish] { finish(asio::error_code(), 0); });
+        return;
+    }
+    asio::async_read(stream_, asio::buffer(reading_.get(), header.length),
+                     [self, counted](const asio::error_code& ec, size_t n) -> size_t {
+                         self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
+                         *counted = n;
+                         self->Touch();
+                         return ec ? 0 : 1u << 20;
+                     },
+                     asio::bind_executor(strand_, std::move(finish)));
+}
+
+void NetConnection::SendBorrowed(const FrameHeader& header, const char* body, size_t len,
+                                 std::shared_ptr<SendCompletion> done)
+{
+    auto item = std::make_unique<TxItem>();
+    EncodeFrameHeader(header, item->header);
+    item->body = body;
+    item->len = len;
+    item->done = std::move(done);
+    Enqueue(std::move(item));
+}
+
+void NetConnection::SendCopy(const FrameHeader& header, const char* body, size_t len)
+{
+    auto item = std::make_unique<TxItem>();
+    item->ownedLen = FRAME_HEADER_SIZE + len;
+    item->owned.reset(new char[item->ownedLen]);
+    EncodeFrameHeader(header, reinterpret_cast<uint8_t*>(item->owned.get()));
+    if (len > 0) {
+        std::memcpy(item->owned.get() + FRAME_HEADER_SIZE, body, len);
+    }
+    Enqueue(std::move(item));
+}
+
+void NetConnection::Enqueue(std::unique_ptr<TxItem> item)
+{
+    auto self = shared_from_this();
+    asio::post(strand_, [self, item = std::move(item)]() mutable {
+        if (self->closed_) {
+            return;  // the item's completion fails as it is destroyed
+        }
+        self->queue_.push_back(std::move(item));
+        self->WriteNext();
+    });
+}
+
+void NetConnection::WriteNext()
+{
+    if (writing_ || closed_ || queue_.empty()) {
+        return;
+    }
+    TxItem& item = *queue_.front();
+    if (item.closeMarker) {
+        CloseOnStrand(item.closeReason);
+        return;
+    }
+    writing_ = true;
+    std::array<asio::const_buffer, 2> buffers;
+    if (item.owned) {
+        buffers = {asio::buffer(item.owned.get(), item.ownedLen), asio::const_buffer()};
+    } else {
+        buffers = {asio::buffer(item.header), asio::buffer(item.body, item.len)};
+    }
+    auto self = shared_from_this();
+    asio::async_write(stream_, buffers, asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
+                          self->writing_ = false;
+                          self->bytesOut_.fetch_add(n, std::memory_order_relaxed);
+                          if (self->closed_) {
+                              self->queue_.clear();
+                              return;
+                          }
+                          if (ec) {
+                              self->CloseOnStrand("write failed: " + ec.message());
+                              return;
+                          }
+                          std::unique_ptr<TxItem> done = std::move(self->queue_.front());
+                          self->queue_.pop_front();
+                          if (done->done) {
+                              done->done->Finish(true);
+                          }
+                          self->WriteNext();
+                      }));
+}
+
+void NetConnection::Close(const std::string& reason)
+{
+    auto self = shared_from_this();
+    asio::post(strand_, [self, reason] { self->CloseOnStrand(reason); });
+}
+
+void NetConnection::CloseWhenSent(const std::string& reason)
+{
+    auto item = std::make_unique<TxItem>();
+    item->closeMarker = true;
+    item->closeReason = reason;
+    Enqueue(std::move(item));
+}
+
+void NetConnection::CloseOnStrand(const std::string& reason)
+{
+    if (closed_) {
+        return;
+    }
+    closed_ = true;
+    deadline_.cancel();
+    // The frame being written stays until its write handler runs: its buffers are in use.
+    if (writing_) {
+        while (queue_.size() > 1) {
+            queue_.pop_back();
+        }
+    } else {
+        queue_.clear();
+    }
+    ClosedHandler closed = std::move(onClosed_);
+    onClosed_ = nullptr;
+    onFrame_ = nullptr;
+    // The owner hears (and logs) why before the peer can see the socket close.
+    if (closed) {
+        closed(shared_from_this(), reason);
+    }
+    asio::error_code ignored;
+    stream_.lowest_layer().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    stream_.lowest_layer().close(ignored);
+}
+
+}  // namespace Tandra
+}  // namespace QUEX

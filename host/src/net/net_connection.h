@@ -1,0 +1,139 @@
+// NetConnection: one TLS connection of the device link. It owns its stream on one strand (the
+// only place SSL_read/SSL_write run), reads frame after frame (header checked, then the body
+// read straight into its buffer) and writes frames from a queue, one write in flight.
+// Received data-message bodies come from a per-connection buffer that is reused; while two of
+// them wait for delivery, reading pauses (so a peer cannot make us buffer more).
+// Thread-safety: Send, Close and the counters may be called from any thread; handlers run on
+// the strand.
+#pragma once
+
+#include <asio.hpp>
+#include <asio/ssl.hpp>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "net_frame.h"
+
+namespace QUEX {
+namespace Tandra {
+
+// Completion of one queued frame; the sender may wait for it.
+class SendCompletion {
+public:
+    void Finish(bool ok);
+    // True when the frame was written to the socket.
+    bool Wait();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    int state_ = 0;  // 0 pending, 1 written, 2 failed
+};
+
+// A received body. Data-message bodies go back to their connection's buffer when released.
+class RxBody {
+public:
+    RxBody() = default;
+    RxBody(std::unique_ptr<char[]> data, size_t len, size_t capacity,
+           std::function<void(std::unique_ptr<char[]>, size_t)> release)
+        : data_(std::move(data)), len_(len), capacity_(capacity), release_(std::move(release))
+    {
+    }
+    ~RxBody();
+    RxBody(RxBody&&) = default;
+    RxBody& operator=(RxBody&&) = delete;
+    RxBody(const RxBody&) = delete;
+    const char* data() const { return data_.get(); }
+    size_t size() const { return len_; }
+
+private:
+    std::unique_ptr<char[]> data_;
+    size_t len_ = 0;
+    size_t capacity_ = 0;
+    std::function<void(std::unique_ptr<char[]>, size_t)> release_;
+};
+
+class NetConnection : public std::enable_shared_from_this<NetConnection> {
+public:
+    using Stream = asio::ssl::stream<asio::ip::tcp::socket>;
+    using ReadyHandler = std::function<void(const std::shared_ptr<NetConnection>&)>;
+    using FrameHandler = std::function<void(const std::shared_ptr<NetConnection>&, const FrameHeader&,
+                                            std::shared_ptr<RxBody>)>;
+    // reason is empty for a local Close without a reason.
+    using ClosedHandler = std::function<void(const std::shared_ptr<NetConnection>&, const std::string& reason)>;
+
+    NetConnection(asio::io_context& io, asio::ssl::context& ssl, asio::ip::tcp::socket socket, bool dialed,
+                  FrameLimits limits);
+    ~NetConnection();
+
+    // Handshakes (within the deadline), then reads frames until closed. Handlers run on the
+    // strand; closed runs exactly once.
+    void Start(std::chrono::milliseconds handshakeDeadline, ReadyHandler ready, FrameHandler frame,
+               ClosedHandler closed);
+    // Queues a frame whose body is borrowed: it must stay valid until done finishes.
+    void SendBorrowed(const FrameHeader& header, const char* body, size_t len, std::shared_ptr<SendCompletion> done);
+    // Queues a frame with a body it copies once (header and body in one TLS write).
+    void SendCopy(const FrameHeader& header, const char* body, size_t len);
+    // Closes the socket; queued frames fail. reason goes to the closed handler.
+    void Close(const std::string& reason);
+    // Closes once every frame queued before this call is written.
+    void CloseWhenSent(const std::string& reason);
+    // REQUIRES: on the strand (inside a handler). Frames from now on are checked for this role.
+    void SetRole(FrameRole role) { role_ = role; }
+
+    bool Dialed() const { return dialed_; }
+    // Set once the handshake is done.
+    const std::string& PeerFingerprint() const { return peerFingerprint_; }
+    const std::string& RemoteAddress() const { return remoteAddress_; }
+    uint64_t BytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
+    uint64_t BytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
+    std::chrono::steady_clock::time_point LastReceived() const;
+
+private:
+    struct TxItem;
+    void ReadHeader();
+    void ReadBody(const FrameHeader& header);
+    void Enqueue(std::unique_ptr<TxItem> item);
+    void WriteNext();
+    void CloseOnStrand(const std::string& reason);
+    void Touch();
+    std::unique_ptr<char[]> AcquireDataBuffer(size_t len, size_t* capacity);
+    void ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t capacity);
+
+    Stream stream_;
+    asio::strand<asio::io_context::executor_type> strand_;
+    asio::steady_timer deadline_;
+    const bool dialed_;
+    const FrameLimits limits_;
+    FrameRole role_ = FrameRole::HANDSHAKE;
+    std::string peerFingerprint_;
+    std::string remoteAddress_;
+    FrameHandler onFrame_;
+    ClosedHandler onClosed_;
+    uint8_t header_[FRAME_HEADER_SIZE] = {};
+    std::deque<std::unique_ptr<TxItem>> queue_;
+    bool writing_ = false;
+    bool closed_ = false;
+    bool readParked_ = false;
+
+    // Data buffers: a spare kept for reuse and how many are out waiting for delivery.
+    std::mutex bufferMutex_;
+    std::unique_ptr<char[]> spare_;
+    size_t spareCapacity_ = 0;
+    int outstanding_ = 0;
+    std::unique_ptr<char[]> reading_;  // the body being read
+    size_t readingCapacity_ = 0;
+
+    std::atomic<uint64_t> bytesIn_{0};
+    std::atomic<uint64_t> bytesOut_{0};
+    std::atomic<int64_t> lastReceivedNs_{0};
+};
+
+}  // namespace Tandra
+}  // namespace QUEX
