@@ -77,6 +77,8 @@ struct SizeRow {
     uint32_t height;
 };
 
+void PrintTo(const SizeRow& row, std::ostream* out) { *out << row.width << 'x' << row.height; }
+
 class GeneratedSizes : public testing::TestWithParam<SizeRow> {};
 
 TEST_P(GeneratedSizes, CardIsAJpegOfTheSizeAndDiffersPerPhoto)

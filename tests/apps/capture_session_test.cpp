@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ struct Row {
     std::string inputs;    // 't' a tick, 'E' the end of input, anything else a key
     std::string expected;  // per input: W wait, 3.. countdown value, T take, F finish, C cancel
 };
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 char Code(const CaptureAction& action)
 {
