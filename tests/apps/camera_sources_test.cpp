@@ -102,7 +102,7 @@ TEST_P(GeneratedSizes, CardIsAJpegOfTheSizeAndDiffersPerPhoto)
     EXPECT_EQ(first.extension, ".jpg");
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, GeneratedSizes, testing::Values(SizeRow{1280, 720}, SizeRow{333, 77}, SizeRow{16, 16}),
+INSTANTIATE_TEST_SUITE_P(CardSizes, GeneratedSizes, testing::Values(SizeRow{1280, 720}, SizeRow{333, 77}, SizeRow{16, 16}),
                          [](const testing::TestParamInfo<SizeRow>& info) {
                              return std::to_string(info.param.width) + "x" + std::to_string(info.param.height);
                          });

@@ -82,7 +82,7 @@ TEST_P(CaptureSessionTable, ActionsFollowInputs)
     EXPECT_EQ(session.Done(), ended);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, CaptureSessionTable, testing::ValuesIn(ROWS),
+INSTANTIATE_TEST_SUITE_P(CaptureModes, CaptureSessionTable, testing::ValuesIn(ROWS),
                          [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 
 }  // namespace
