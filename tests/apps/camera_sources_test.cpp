@@ -77,6 +77,8 @@ struct SizeRow {
     uint32_t height;
 };
 
+void PrintTo(const SizeRow& row, std::ostream* out) { *out << row.width << 'x' << row.height; }
+
 class GeneratedSizes : public testing::TestWithParam<SizeRow> {};
 
 TEST_P(GeneratedSizes, CardIsAJpegOfTheSizeAndDiffersPerPhoto)
@@ -100,7 +102,7 @@ TEST_P(GeneratedSizes, CardIsAJpegOfTheSizeAndDiffersPerPhoto)
     EXPECT_EQ(first.extension, ".jpg");
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, GeneratedSizes, testing::Values(SizeRow{1280, 720}, SizeRow{333, 77}, SizeRow{16, 16}),
+INSTANTIATE_TEST_SUITE_P(CardSizes, GeneratedSizes, testing::Values(SizeRow{1280, 720}, SizeRow{333, 77}, SizeRow{16, 16}),
                          [](const testing::TestParamInfo<SizeRow>& info) {
                              return std::to_string(info.param.width) + "x" + std::to_string(info.param.height);
                          });

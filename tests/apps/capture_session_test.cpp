@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ struct Row {
     std::string inputs;    // 't' a tick, 'E' the end of input, anything else a key
     std::string expected;  // per input: W wait, 3.. countdown value, T take, F finish, C cancel
 };
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 char Code(const CaptureAction& action)
 {
@@ -79,7 +82,7 @@ TEST_P(CaptureSessionTable, ActionsFollowInputs)
     EXPECT_EQ(session.Done(), ended);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, CaptureSessionTable, testing::ValuesIn(ROWS),
+INSTANTIATE_TEST_SUITE_P(CaptureModes, CaptureSessionTable, testing::ValuesIn(ROWS),
                          [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 
 }  // namespace
