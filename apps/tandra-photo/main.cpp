@@ -12,8 +12,10 @@
 #include <optional>
 #include <thread>
 
+#include "capture_modes.h"
 #include "collaboration_endings.h"
 #include "device_service.h"
+#include "host_types.h"
 #include "ipc_client.h"
 #include "photo_saver.h"
 #include "progress.h"

@@ -1,6 +1,10 @@
 #include "daemon.h"
 
+#include <limits.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include "device_context.h"
 #include "ipc_skeleton.h"
@@ -17,6 +21,17 @@ namespace QUEX {
 namespace Tandra {
 
 namespace {
+
+std::string ExecutableDir()
+{
+    char path[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (length <= 0) {
+        return ".";
+    }
+    std::string exe(path, static_cast<size_t>(length));
+    return exe.substr(0, exe.find_last_of('/'));
+}
 
 // How long a stop waits for the plugin to tell peers and apps that collaborations ended.
 constexpr std::chrono::milliseconds STOP_DRAIN{3000};
@@ -66,11 +81,15 @@ int Daemon::Start(std::string* error)
         return 1;
     }
 
-    launcher_ = std::make_unique<ManifestAbilityLauncher>();
-    if (!launcher_->LoadManifests(config_.abilitiesDir, error)) {
-        *error = "ability manifests: " + *error + " (pass --abilities DIR)";
+    const std::string bindir = ExecutableDir();
+    launcher_ = ManifestAbilityLauncher::Load(config_.abilitiesDir,
+                                              {{"bindir", bindir}, {"prefix", bindir + "/.."}}, error);
+    if (launcher_ == nullptr) {
+        *error = "ability manifests: " + *error + " (fix the file, or pass --abilities DIR)";
         return 1;
     }
+    // Started abilities find this daemon's socket in their environment.
+    setenv("TANDRA_SOCKET", config_.socketPath.c_str(), 1);
 
     NetBusConfig busConfig;
     busConfig.stateDir = config_.stateDir;
@@ -91,14 +110,20 @@ int Daemon::Start(std::string* error)
     bus_->SetLinkObserver(this);
 
     const DeviceIdentity self = bus_->GetLocalIdentity();
-    Vex::SetSysEventSink(Vex::MakeJsonLinesSink(config_.stateDir + "/events.jsonl", self.deviceName));
+    Vex::JsonLinesSinkOptions sinkOptions;
+    sinkOptions.device = self.deviceName;
+    Vex::SysEventSink sink = Vex::MakeJsonLinesSink(config_.stateDir + "/events.jsonl", sinkOptions, error);
+    if (!sink) {
+        return 1;
+    }
+    Vex::SetSysEventSink(sink);
     DeviceContext::Get().InstallEnv(std::make_shared<NetDeviceEnv>(*bus_, *launcher_));
 
     apps_ = std::make_unique<AppRegistry>(
         [this](const std::string& executable) { return launcher_->BundleForExecutable(executable); });
     meshline_ = MeshlineService::Create(std::make_shared<BusLinkStatus>(*bus_));
     hostService_ = new DaemonHostService(meshline_, *apps_);
-    deviceService_ = new DeviceServiceImpl(*bus_, *apps_);
+    deviceService_ = new DeviceServiceImpl(*bus_, *apps_, config_.discoveryPort != 0, config_.staticPeers);
     bundleMgr_ = new DaemonBundleMgr(*apps_);
     auto manager = Vex::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     manager->AddSystemAbility(TANDRA_SA_ID, hostService_);

@@ -16,7 +16,10 @@
 #include "device_service_impl.h"
 #include "ipc_server.h"
 #include "manifest_ability_launcher.h"
+#include "link_status.h"
 #include "meshline_service.h"
+#include "net_device_env.h"
+#include "net_link_types.h"
 #include "net_soft_bus.h"
 
 namespace QUEX {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <sstream>
 #include <cstdlib>
 
 namespace QUEX {

@@ -1,6 +1,9 @@
 #include "device_service_impl.h"
 
+#include <algorithm>
+
 #include "ipc_skeleton.h"
+#include "net_link_types.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -59,7 +62,8 @@ DeviceList DeviceServiceImpl::ListDevices()
 {
     DeviceList list;
     std::vector<PeerDevice> linked = bus_.GetPeerDevices();
-    for (const KnownDevice& known : bus_.GetKnownDevices()) {
+    const std::vector<KnownDevice> knownDevices = bus_.GetKnownDevices();
+    for (const KnownDevice& known : knownDevices) {
         DeviceEntry entry;
         entry.networkId = known.identity.networkId;
         entry.udid = known.identity.udid;
@@ -68,8 +72,7 @@ DeviceList DeviceServiceImpl::ListDevices()
         entry.trusted = known.trusted;
         entry.linked = known.linked;
         entry.address = known.address;
-        entry.foundBy = known.foundBy;
-        entry.pairingCode = known.pairingCode;
+        entry.foundBy = DiscoverySourceName(known.foundBy);
         for (const PeerDevice& peer : linked) {
             if (peer.identity.networkId == entry.networkId) {
                 entry.hasCamera = OffersCamera(peer.abilities);
@@ -77,8 +80,40 @@ DeviceList DeviceServiceImpl::ListDevices()
         }
         list.devices.push_back(std::move(entry));
     }
-    list.note = bus_.DiscoveryNote();
+    list.note = DiscoveryNote(knownDevices);
     return list;
+}
+
+std::string DeviceServiceImpl::DiscoveryNote(const std::vector<KnownDevice>& known)
+{
+    bool byBroadcast = false;
+    bool byDnsSd = false;
+    std::vector<std::string> unreached = staticPeers_;
+    for (const KnownDevice& device : known) {
+        byBroadcast |= device.foundBy == DiscoverySource::BROADCAST;
+        byDnsSd |= device.foundBy == DiscoverySource::DNS_SD;
+        const std::string address = device.address + ":" + std::to_string(device.port);
+        if (!device.identity.networkId.empty()) {
+            unreached.erase(std::remove(unreached.begin(), unreached.end(), address), unreached.end());
+        }
+    }
+    std::string note;
+    if (!discoveryOn_) {
+        note += "Broadcast discovery is off (--discovery-port 0). ";
+    } else if (!byBroadcast) {
+        note += "Broadcast discovery found no device: if your network drops broadcast, name the other device "
+                "with tandrad --peer HOST:PORT. ";
+    }
+    if (!byDnsSd) {
+        note += "DNS-SD found no device (it is used only when an Avahi daemon runs). ";
+    }
+    for (const std::string& peer : unreached) {
+        note += "The configured peer " + peer + " did not answer. ";
+    }
+    if (!note.empty()) {
+        note.pop_back();
+    }
+    return note;
 }
 
 PairingAnswer DeviceServiceImpl::Pair(const std::string& device)

@@ -14,7 +14,11 @@ namespace Tandra {
 
 class DeviceServiceImpl : public DeviceServiceStub {
 public:
-    DeviceServiceImpl(NetSoftBus& bus, AppRegistry& apps) : bus_(bus), apps_(apps) {}
+    // discoveryOn: broadcast discovery is configured; staticPeers: the configured host:port peers.
+    DeviceServiceImpl(NetSoftBus& bus, AppRegistry& apps, bool discoveryOn, std::vector<std::string> staticPeers)
+        : bus_(bus), apps_(apps), discoveryOn_(discoveryOn), staticPeers_(std::move(staticPeers))
+    {
+    }
 
     AppRegistration RegisterApp(bool foreground) override;
     int32_t SetForeground(bool foreground) override;
@@ -25,9 +29,14 @@ public:
 
 private:
     DeviceEntry SelfEntry();
+    // Which ways of finding devices found nothing, so that a user whose network drops
+    // broadcast knows to name the peer.
+    std::string DiscoveryNote(const std::vector<KnownDevice>& known);
 
     NetSoftBus& bus_;
     AppRegistry& apps_;
+    const bool discoveryOn_;
+    const std::vector<std::string> staticPeers_;
 };
 
 // The ability type of a camera: a peer offering it can take photos for us.
