@@ -88,6 +88,9 @@ int Daemon::Start(std::string* error)
         *error = "ability manifests: " + *error + " (fix the file, or pass --abilities DIR)";
         return 1;
     }
+    // An ability that ends before it ever connected leaves no connection to drop; its exit is
+    // its death all the same.
+    launcher_->SetExitObserver([](const ChildExit& exit) { Vex::ProcessRegistry::Get().DeclareDead(exit.pid); });
     // Started abilities find this daemon's socket in their environment.
     setenv("TANDRA_SOCKET", config_.socketPath.c_str(), 1);
 

@@ -34,8 +34,9 @@ std::vector<std::string> ChildEnvironment(int32_t collaborationSessionId, const 
     };
     std::vector<std::string> environment;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        // Stale values of ours (a daemon started from a camera app's shell) must not leak in.
-        if (std::strncmp(*entry, "TANDRA_", 7) != 0) {
+        // Stale values of ours (a daemon started from a camera app's shell) must not leak in;
+        // the daemon's own socket, which it sets for its children, does.
+        if (std::strncmp(*entry, "TANDRA_", 7) != 0 || std::strncmp(*entry, "TANDRA_SOCKET=", 14) == 0) {
             environment.emplace_back(*entry);
         }
     }

@@ -109,6 +109,13 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return outcome_;
     }
+    // Waits until the collaboration is released (cancelled) or the service goes.
+    void WaitForEnd(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        cv_.wait_for(lock, timeout,
+                     [this]() { return outcome_ == Outcome::CANCELLED || outcome_ == Outcome::SERVICE_LOST; });
+    }
     // Waits until something is said or the time passes.
     Outcome Wait(std::chrono::milliseconds timeout)
     {
@@ -389,13 +396,17 @@ int main(int argc, char** argv)
     }
     std::cout << "Handed " << paths.size() << " photo" << (paths.size() == 1 ? "" : "s") << " to the framework."
               << std::endl;
-    // The framework says when it has the photos; the files are its to read until then.
+    // The framework says at once that it has taken the photos over, then sends them. This
+    // process stays until the collaboration is released (the framework's cancel), since its
+    // death meanwhile would tell the requesting device that the camera died.
     FrameworkEvents::Outcome outcome = events.Wait(std::chrono::minutes(10));
-    if (outcome == FrameworkEvents::Outcome::TAKEN) {
-        std::cout << "Sent." << std::endl;
-        return 0;
+    if (outcome != FrameworkEvents::Outcome::TAKEN) {
+        std::cerr << "tandra-camera: the photos were not taken over ("
+                  << (outcome == FrameworkEvents::Outcome::REFUSED ? "refused" : "cancelled or tandrad gone") << ")\n";
+        return EXIT_REFUSED;
     }
-    std::cerr << "tandra-camera: the photos were not sent ("
-              << (outcome == FrameworkEvents::Outcome::REFUSED ? "refused" : "cancelled or tandrad gone") << ")\n";
-    return EXIT_REFUSED;
+    std::cout << "Taken over; sending." << std::endl;
+    events.WaitForEnd(std::chrono::minutes(30));
+    std::cout << "Sent." << std::endl;
+    return 0;
 }
