@@ -396,17 +396,17 @@ int main(int argc, char** argv)
     }
     std::cout << "Handed " << paths.size() << " photo" << (paths.size() == 1 ? "" : "s") << " to the framework."
               << std::endl;
-    // The framework says at once that it has taken the photos over, then sends them. This
-    // process stays until the collaboration is released (the framework's cancel), since its
-    // death meanwhile would tell the requesting device that the camera died.
+    // The framework says at once that it has taken the photos over, then sends them from the
+    // descriptors it holds. Leaving the subscriptions first makes this process's exit a plain
+    // exit rather than a camera death that would end the transfer on the requesting device.
     FrameworkEvents::Outcome outcome = events.Wait(std::chrono::minutes(10));
     if (outcome != FrameworkEvents::Outcome::TAKEN) {
         std::cerr << "tandra-camera: the photos were not taken over ("
                   << (outcome == FrameworkEvents::Outcome::REFUSED ? "refused" : "cancelled or tandrad gone") << ")\n";
         return EXIT_REFUSED;
     }
-    std::cout << "Taken over; sending." << std::endl;
-    events.WaitForEnd(std::chrono::minutes(30));
-    std::cout << "Sent." << std::endl;
+    client->Unregister(Client::CAMERA_EVENT_CANCEL);
+    client->Unregister(Client::CAMERA_EVENT_PUT_IMAGE_RESULT);
+    std::cout << "Taken over by the framework, which sends them." << std::endl;
     return 0;
 }
