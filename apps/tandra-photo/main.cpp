@@ -282,6 +282,7 @@ struct TakeOptions {
     std::string mode = "photo";
     std::string out = "photos";
     bool json = false;
+    bool background = false;  // testing: do not claim the foreground
 };
 
 int RunTake(const std::string& socketPath, const TakeOptions& options, const sigset_t& stopSignals)
@@ -303,7 +304,7 @@ int RunTake(const std::string& socketPath, const TakeOptions& options, const sig
     if (!connection) {
         return status;
     }
-    AppRegistration registration = connection->devices->RegisterApp(true);
+    AppRegistration registration = connection->devices->RegisterApp(!options.background);
     if (registration.result != 0) {
         progress.Error("not_an_app", "tandrad does not know this program as an installed app (its ability "
                                      "manifest names another executable): reinstall tandra-photo or check the "
@@ -460,6 +461,8 @@ int main(int argc, char** argv)
     takeCommand->add_option("--mode", take.mode, "photo, scan or pick")->capture_default_str();
     takeCommand->add_option("--out", take.out, "Folder the photos are saved in")->capture_default_str();
     takeCommand->add_flag("--json", take.json, "One JSON object per event, for scripts");
+    takeCommand->add_flag("--background", take.background,
+                          "Do not claim the foreground first (the framework then refuses the request)");
 
     std::string pairDevice;
     bool accept = false;
