@@ -1,6 +1,7 @@
 #include "daemon.h"
 
 #include <limits.h>
+#include <net/if.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -75,6 +76,11 @@ int Daemon::Start(std::string* error)
         *error = "state folder: " + *error + " (or pass --state-dir)";
         return 1;
     }
+    if (!config_.interfaceName.empty() && if_nametoindex(config_.interfaceName.c_str()) == 0) {
+        *error = "no network interface named " + config_.interfaceName +
+                 ": `ip link` lists the interfaces; pass the one that carries the links with --interface";
+        return 1;
+    }
     if (access(config_.pluginPath.c_str(), R_OK) != 0) {
         *error = "plugin library not found at " + config_.pluginPath +
                  ": build the project (cmake --build) or install it, or pass --plugin PATH";
@@ -142,6 +148,7 @@ int Daemon::Start(std::string* error)
     if (bus_->Start(error) != 0) {
         return 1;
     }
+    busStarted_ = true;
 
     if (!PrepareSocketPath(config_.socketPath, error)) {
         return 1;
@@ -191,7 +198,9 @@ void Daemon::Stop()
     }
     if (bus_ != nullptr) {
         bus_->SetLinkObserver(nullptr);
-        bus_->Stop();
+        if (busStarted_) {
+            bus_->Stop();
+        }
     }
     DeviceContext::Get().InstallEnv(nullptr);
     auto manager = Vex::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();

@@ -45,6 +45,7 @@ public:
 private:
     const DaemonConfig config_;
     bool started_ = false;
+    bool busStarted_ = false;
     std::unique_ptr<ManifestAbilityLauncher> launcher_;
     std::unique_ptr<NetSoftBus> bus_;
     std::unique_ptr<AppRegistry> apps_;

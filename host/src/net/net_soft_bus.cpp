@@ -1377,7 +1377,8 @@ int32_t NetSoftBus::Start(std::string* error)
 void NetSoftBus::Stop()
 {
     Impl& d = *impl_;
-    if (!d.started.load() || d.stopped.exchange(true)) {
+    // A start that failed before its loop ran has nothing to stop.
+    if (!d.started.load() || !d.ioThread.joinable() || d.stopped.exchange(true)) {
         return;
     }
     {
