@@ -157,6 +157,9 @@ void MeshlineService::ArbitratePending()
             Decide(*application, false, "link busy");
         } else if (now >= application->deadline) {
             Decide(*application, false, "the collaboration holding the link did not give way");
+            for (const Grant* grant : conflicts) {
+                const_cast<Grant*>(grant)->preempted = false;  // a later applicant asks it again
+            }
         } else {
             ++application;
             continue;

@@ -231,6 +231,12 @@ TEST_F(MeshlineServiceTest, PreemptionWaitsForTheHolderToGiveWay)
             Vex::Clock::Advance(MeshlineService::PREEMPT_WAIT);
             EXPECT_EQ(CallsOf(applicant),
                       Calls{Apply(PEER, "the collaboration holding the link did not give way" + REFUSED)});
+            // A later applicant asks the holder again.
+            ASSERT_EQ(applicant.Apply(PEER), 0);
+            EXPECT_EQ(CallsOf(holder).size(), 5u);
+            ASSERT_TRUE(Vex::Clock::AwaitWaiters(1));
+            Vex::Clock::Advance(MeshlineService::PREEMPT_WAIT);
+            EXPECT_EQ(CallsOf(applicant).size(), 2u);
         }
         EXPECT_EQ(meshline_->GetCounts().grants, 1u);
         EXPECT_EQ(meshline_->GetCounts().pendingApplications, 0u);
