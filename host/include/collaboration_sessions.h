@@ -5,9 +5,9 @@
 // once: when the session ends (closed by either side, or the link dropped), or right after a
 // failed Execute. Release never overlaps Execute: a session that ends while its commands
 // execute is released when they return. Messages on control sessions and data channels go to
-// the EventListeners under the control session's name; a session ended by the peer or the link
-// reaches them as OnCtrlChannelShutDown(name). Bus events run with the device's service
-// identity.
+// the EventListeners with the control session as the bus knows it (OnSessionMessage); a
+// session ended by the peer or the link reaches them as OnSessionShutDown. Bus events run with
+// the device's service identity.
 // Thread-safety: all operations may be called from any thread; plugin code is called without
 // the layer's lock held.
 #pragma once
@@ -41,6 +41,9 @@ public:
     int32_t Stop(int32_t sessionId, bool notifyPeer);
     // Sessions opened by peers whose commands are not yet released.
     size_t ActiveIncomingCount();
+    // The bus's record of a session a peer opened, from its opening until its commands are
+    // released; false for any other id.
+    bool FindIncoming(int32_t sessionId, CtrlSessionInfo& info);
     // The bus was replaced: its sessions are gone. Their commands are kept alive, unreleased,
     // since callbacks registered elsewhere may still point at them.
     void Reset();

@@ -26,6 +26,8 @@ public:
     std::pair<int32_t, uint32_t> FetchCollaborationId(const std::string& key);
 
     // Delivery, used by the session layer.
+    void NotifySessionMessage(const CtrlSessionInfo& session, int32_t channelId, const char* data, uint32_t len);
+    void NotifySessionShutDown(const CtrlSessionInfo& session);
     void NotifyDataReceived(const std::string& key, const char* data, uint32_t len);
     // A data-channel message whose control session is unknown: keyed by the channel id.
     void NotifyDataReceived(int32_t channelId, const char* data, uint32_t len);

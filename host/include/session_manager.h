@@ -14,6 +14,7 @@
 
 #include "ability_records.h"
 #include "session_attribute.h"
+#include "soft_bus.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -41,6 +42,9 @@ public:
                                                                const SessionAttribute& attr);
     // Whether the control session still exists.
     static bool GetCollaborationSession(int32_t sessionId);
+    // The name and peer of a control session a peer opened towards this device, known from its
+    // opening (while its commands execute) until its commands are released; false otherwise.
+    static bool GetIncomingSession(int32_t sessionId, CtrlSessionInfo& info);
 };
 
 }  // namespace Tandra

@@ -7,7 +7,9 @@
 // Contract every implementation keeps:
 //   - Session and channel ids are this device's own; ids are positive and not reused while
 //     the bus lives. A data message names the control session it belongs to by the RECEIVING
-//     device's id for that session (the bus translates), so the receiver can key it.
+//     device's id for that session (the bus translates), so the receiver can key it. The
+//     translation only ever yields a session with the device at the other end of the data
+//     channel: a name another device chose can never attach its data to our session.
 //   - A message arrives whole (any size up to 4 GiB - 1) and in send order per session and per
 //     channel; the listener sees it as one contiguous buffer that is valid during the call only.
 //   - OpenCtrlSession returns only after the peer's host has run the commands of the command

@@ -88,13 +88,13 @@ void CollaborationSessions::OnCtrlSessionClosed(const CtrlSessionInfo& session)
     ServiceIdentityScope identity;
     TNDR_HOST_LOGI("session %{public}d ended by the peer or the link", session.sessionId);
     EndSession(session.sessionId);
-    ListenerManager::GetInstance()->NotifyCtrlChannelShutDown(session.sessionName);
+    ListenerManager::GetInstance()->NotifySessionShutDown(session);
 }
 
 void CollaborationSessions::OnCtrlMessage(const CtrlSessionInfo& session, const char* data, uint32_t len, uint32_t)
 {
     ServiceIdentityScope identity;
-    ListenerManager::GetInstance()->NotifyDataReceived(session.sessionName, data, len);
+    ListenerManager::GetInstance()->NotifySessionMessage(session, -1, data, len);
 }
 
 void CollaborationSessions::OnDataMessage(int32_t channelId, const CtrlSessionInfo* session, const char* data,
@@ -106,7 +106,7 @@ void CollaborationSessions::OnDataMessage(int32_t channelId, const CtrlSessionIn
         ListenerManager::GetInstance()->NotifyDataReceived(channelId, data, len);
         return;
     }
-    ListenerManager::GetInstance()->NotifyDataReceived(session->sessionName, data, len);
+    ListenerManager::GetInstance()->NotifySessionMessage(*session, channelId, data, len);
 }
 
 int32_t CollaborationSessions::Stop(int32_t sessionId, bool notifyPeer)
@@ -114,6 +114,17 @@ int32_t CollaborationSessions::Stop(int32_t sessionId, bool notifyPeer)
     int32_t result = DeviceContext::Get().Env()->GetSoftBus().CloseCtrlSession(sessionId, notifyPeer);
     EndSession(sessionId);
     return result;
+}
+
+bool CollaborationSessions::FindIncoming(int32_t sessionId, CtrlSessionInfo& info)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = incoming_.find(sessionId);
+    if (it == incoming_.end()) {
+        return false;
+    }
+    info = it->second->info;
+    return true;
 }
 
 size_t CollaborationSessions::ActiveIncomingCount()

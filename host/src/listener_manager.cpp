@@ -63,6 +63,21 @@ std::vector<std::shared_ptr<EventListener>> ListenerManager::GetListeners()
     return listeners_;
 }
 
+void ListenerManager::NotifySessionMessage(const CtrlSessionInfo& session, int32_t channelId, const char* data,
+                                           uint32_t len)
+{
+    for (const auto& listener : GetListeners()) {
+        listener->OnSessionMessage(session, channelId, data, len);
+    }
+}
+
+void ListenerManager::NotifySessionShutDown(const CtrlSessionInfo& session)
+{
+    for (const auto& listener : GetListeners()) {
+        listener->OnSessionShutDown(session);
+    }
+}
+
 void ListenerManager::NotifyDataReceived(const std::string& key, const char* data, uint32_t len)
 {
     for (const auto& listener : GetListeners()) {

@@ -67,6 +67,11 @@ std::pair<int32_t, int32_t> SessionManager::OpenDataTransmitChannel(const std::s
     return result;
 }
 
+bool SessionManager::GetIncomingSession(int32_t sessionId, CtrlSessionInfo& info)
+{
+    return DeviceContext::Get().Sessions().FindIncoming(sessionId, info);
+}
+
 bool SessionManager::GetCollaborationSession(int32_t sessionId)
 {
     std::shared_ptr<DeviceEnv> env = DeviceContext::Get().Env();

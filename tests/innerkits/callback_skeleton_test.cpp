@@ -116,6 +116,24 @@ const CodeCase CODE_CASES[] = {
                                  d.WriteString("text"); }, 8, true, {"Event 1001202003|12|text"}},
     {101, [](MessageParcel& d) { Header(d, 101, 105); }, 0, false, {}},
     {101, [](MessageParcel& d) { Header(d, 102, 106); }, 0, false, {}},
+    // Ability state and data (101, service type 103) always answer 0; data the parcel does not
+    // hold is not handed on.
+    {101, [](MessageParcel& d) { Header(d, 103, 1); d.WriteInt32(3); }, 0, true, {"AbilityState 3"}},
+    {101, [](MessageParcel& d) { Header(d, 103, 3); d.WriteInt32(7); d.WriteUint32(3); d.WriteBuffer("abc", 3); },
+     0, true, {"AbilityData 7|3|abc"}},
+    {101, [](MessageParcel& d) { Header(d, 103, 3); d.WriteInt32(7); d.WriteUint32(64); }, 0, true, {}},
+    {101, [](MessageParcel& d) { Header(d, 103, 2); d.WriteInt32(7); }, 0, true, {}},
+    // Surface transfer (601): two text events and one coded event; others are unknown.
+    {601, [](MessageParcel& d) { Header(d, 0, 40001); d.WriteString("first"); }, 8, true, {"Event 0|40001|first"}},
+    {601, [](MessageParcel& d) { Header(d, 0, 40002); d.WriteString("second"); }, 8, true, {"Event 0|40002|second"}},
+    {601, [](MessageParcel& d) { Header(d, 0, 10001); d.WriteUint32(5); d.WriteString("coded"); }, 8, true,
+     {"Event 5|10001|coded"}},
+    {601, [](MessageParcel& d) { Header(d, 0, 40003); d.WriteString("x"); }, IpcResult::UNKNOWN_CODE, false, {}},
+    // The codes of other services are read and answered 0, with no reply and no call.
+    {1, [](MessageParcel& d) { Header(d, 9, 0); }, 0, false, {}},
+    {201, [](MessageParcel& d) { Header(d, 9, 0); }, 0, false, {}},
+    {301, [](MessageParcel& d) { Header(d, 9, 0); }, 0, false, {}},
+    {401, [](MessageParcel& d) { Header(d, 9, 0); }, 0, false, {}},
     {701, [](MessageParcel& d) { Header(d, 0, 0); }, Vex::ERR_UNKNOWN_TRANSACTION, false, {}},
 };
 // clang-format on

@@ -94,6 +94,13 @@ public:
         return Record("ApplyResult " + Join(first, second, third, value, resultCode));
     }
 
+    void OnCollaborationAbilityState(int32_t state) override { Record("AbilityState " + Join(state)); }
+    void OnCollaborationAbilityData(int32_t type, const uint8_t* buffer, uint32_t length) override
+    {
+        Record("AbilityData " +
+               Join(type, length, length > 0 ? std::string(reinterpret_cast<const char*>(buffer), length) : "-"));
+    }
+
     std::vector<std::string> Calls()
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -3,6 +3,8 @@
 // gone), the service is published free once, the disconnect subscription is cancelled once, and
 // nothing stays registered, waiting, open, or holding the application's callback object. Also
 // the whole collaboration with photos of a few MiB delivered byte for byte.
+#include <json/json.h>
+
 #include <functional>
 
 #include "listener_manager.h"
@@ -20,6 +22,7 @@ struct Ending {
     uint32_t event;  // the application's last call, 0 for none beyond the transfer's
     const char* text;
     bool stopToPeer;  // the device closes the control session, telling the peer
+    size_t calls = 1;  // the application's calls the ending brings, when event is not 0
 };
 
 void PrintTo(const Ending& ending, std::ostream* os)
@@ -74,6 +77,45 @@ public:
         EXPECT_EQ(OpenDescriptors(), descriptors_);
     }
 
+    // A take-photo command item as a requester with this UDID writes it.
+    static Json::Value CommandItem(const std::string& requesterUdid)
+    {
+        Json::Value item(Json::objectValue);
+        item["commandType"] = 1;
+        item["isDual"] = false;
+        Json::Value& local = item["localInfo"];
+        local["localBundleName"] = "com.third.photo";
+        local["localAbilityName"] = "MainAbility";
+        local["localDeviceId"] = requesterUdid;
+        local["localModuleName"] = "entry";
+        local["localDeviceType"] = 14;
+        Json::Value& extra = item["extraData"];
+        extra["peerBundleName"] = "com.local.camera";
+        extra["peerAbilityName"] = "CameraAbility";
+        extra["peerAction"] = "local.action.TakePhoto";
+        extra["peerAbilityType"] = TAKE_PHOTO_TYPE;
+        return item;
+    }
+    static std::string Text(const std::vector<Json::Value>& items)
+    {
+        Json::Value array(Json::arrayValue);
+        for (const auto& item : items) {
+            array.append(item);
+        }
+        return array.toStyledString();
+    }
+    // The service states this device published for one peer.
+    std::vector<int32_t> StatesPublishedFor(const std::string& networkId)
+    {
+        std::vector<int32_t> states;
+        for (const auto& request : meshline_->Requests(Testing::PUBLISH_SERVICE_STATE)) {
+            if (request.strings.at(0) == networkId) {
+                states.push_back(request.ints.at(0));
+            }
+        }
+        return states;
+    }
+
     std::set<int> descriptors_;
 };
 
@@ -121,7 +163,21 @@ const Ending ENDINGS[] = {
     {"ApplicationDied", false,
      [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true},
     {"ApplicationDiedMidTransfer", true,
-     [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true}};
+     [](EndingTest&, const Collaboration&) { Vex::ProcessRegistry::Get().DeclareDead(APP_PID); }, 0, "", true},
+    // A photo the application cannot take ends the collaboration like any failure: the refused
+    // photo, then the error.
+    {"PhotoRefusedByApplication", true,
+     [](EndingTest& t, const Collaboration& c) {
+         t.app_->RefuseCall(EVENT_PHOTO);
+         t.SendPhoto(c, PhotoBytes(4000, 6), false);
+     },
+     1001202009, "errorcode", true, 2},
+    {"LastPhotoRefusedByApplication", true,
+     [](EndingTest& t, const Collaboration& c) {
+         t.app_->RefuseCall(EVENT_LAST_PHOTO);
+         t.SendPhoto(c, PhotoBytes(4000, 7), true);
+     },
+     1001202002, "errorcode", true, 2}};
 
 TEST_P(EndingTest, RunsTheStopSequenceOnce)
 {
@@ -147,7 +203,7 @@ TEST_P(EndingTest, RunsTheStopSequenceOnce)
     if (ending.event == 0) {
         EXPECT_EQ(calls.size(), before);
     } else {
-        ASSERT_EQ(calls.size(), before + 1);
+        ASSERT_EQ(calls.size(), before + ending.calls);
         EXPECT_EQ(calls.back().code, ending.event);
         EXPECT_EQ(calls.back().collaborationId, collaboration.id);
         EXPECT_EQ(calls.back().text, ending.text);
@@ -209,6 +265,62 @@ TEST_F(EndingTest, PhotoCountAndThePeersOwnSessionLossAreNotEndings)
     EXPECT_TRUE(env_->bus_.Closes().empty());
     EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4}));
     EXPECT_EQ(meshline_->RequestCount(Testing::UNSUBSCRIBE_NOTIFY_DISCONNECT), 0u);
+}
+
+// Sessions opened towards this device by a third paired device, or by the peer itself, named
+// as the collaboration's own session or with this device's id: whatever comes on them (photos,
+// failure codes, an empty message, their close) leaves the collaboration alone. Only the loss of
+// its own session ends it.
+TEST_F(EndingTest, OtherSessionsCannotSteerTheCollaboration)
+{
+    const std::string third = "THIRDNETWORKID0003";
+    device_.AddPeerDevice({third, "THIRDUDID0003", 0x11, "third-phone"}, {});
+    Collaboration collaboration = Start();
+    PeerSends(collaboration, CameraMessage(CODE_CAMERA_STARTED, 0));
+    const std::string ours = IdText(collaboration.id);
+    struct Opener {
+        std::string device;
+        std::string name;
+    };
+    const Opener openers[] = {{third, ours + "-" + device_.Identity().networkId},
+                              {third, ours + "-" + peer_.networkId},
+                              {peer_.networkId, ours + "-" + peer_.networkId}};
+    Testing::ScriptedPeer& bus = device_.Peer();
+    size_t channels = 0;  // each opener's command opens a data channel back to it
+    for (const Opener& opener : openers) {
+        SCOPED_TRACE(opener.device + " opens " + opener.name);
+        Json::Value item = CommandItem(opener.device == third ? "THIRDUDID0003" : peer_.udid);
+        int32_t session = bus.OpenSessionToDevice(opener.device, opener.name, Text({item}));
+        int32_t opened = -1;
+        ASSERT_TRUE(bus.AwaitOpenResult(session, opened));
+        ASSERT_EQ(opened, 0);
+        ASSERT_TRUE(bus.AwaitChannelsOpened(++channels));
+        for (const std::string& message :
+             {CameraMessage(CODE_PHOTO_COUNT, 1), CameraMessage(CODE_LAST_PHOTO, 4, "fake"),
+              CameraMessage(CODE_DATA_SEND_FAILED, 0), std::string()}) {
+            ASSERT_TRUE(bus.AwaitDelivered(bus.SendOnSession(session, message)));
+            ASSERT_TRUE(bus.AwaitDelivered(bus.SendOnDataChannel(session, message)));
+        }
+        ASSERT_TRUE(bus.AwaitDelivered(bus.CloseSession(session)));
+        EXPECT_TRUE(app_->Calls().empty());
+        EXPECT_NE(process_->QueryCameraProcess(collaboration.id), nullptr);
+        EXPECT_EQ(process_->QuerySessionId(collaboration.id), collaboration.sessionId);
+        EXPECT_TRUE(env_->bus_.Closes().empty());
+        EXPECT_EQ(StatesPublishedFor(peer_.networkId), (std::vector<int32_t>{2, 4}));
+    }
+    // The collaboration still runs: its own photos arrive, and its own session's loss ends it.
+    PeerSends(collaboration, CameraMessage(CODE_PHOTO_COUNT, 2));
+    AwaitPhotoWait();
+    SendPhoto(collaboration, PhotoBytes(100, 9), false);
+    ASSERT_TRUE(device_.Peer().AwaitDelivered(device_.Peer().CloseSession(collaboration.sessionId)));
+    Settle();
+    std::vector<uint32_t> heard;
+    for (const AppCall& call : app_->Calls()) {
+        heard.push_back(call.code);
+    }
+    EXPECT_EQ(heard, (std::vector<uint32_t>{EVENT_PHOTO_COUNT, EVENT_PHOTO, 1001202011}));
+    EXPECT_EQ(process_->QueryCameraProcess(collaboration.id), nullptr);
+    EXPECT_EQ(StatesPublishedFor(peer_.networkId), (std::vector<int32_t>{2, 4, 1}));
 }
 
 // While the control session is still being opened the collaboration has no session id (-2): the

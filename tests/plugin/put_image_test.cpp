@@ -179,4 +179,93 @@ TEST_F(ServingDeviceTest, DescriptorZeroIsSkippedAndReported)
     EXPECT_EQ(fcntl(fds[2], F_GETFD), -1);
 }
 
+// Only the camera application that the command started and that subscribed (its pid and uid)
+// may put images or cancel: another application of this device, or the camera's own bundle in a
+// process that never subscribed, gets 1001 and nothing reaches the requester.
+TEST_F(ServingDeviceTest, OnlyTheSubscribedCameraApplicationMayPutOrCancel)
+{
+    int32_t sessionId = OpenCollaborationWithChannel();
+    constexpr int32_t OTHER_UID = 20040002;
+    device_.SetBundleName(OTHER_UID, "com.example.other");
+    struct Intruder {
+        const char* name;
+        int32_t pid;
+        int32_t uid;
+        bool subscribes;
+    };
+    const Intruder intruders[] = {{"another application", 4102, OTHER_UID, false},
+                                  {"another application that subscribed", 4103, OTHER_UID, true},
+                                  {"the camera's bundle in a process that did not subscribe", 4104, CAMERA_UID, false}};
+    PhotoFiles photo({64});
+    for (const Intruder& intruder : intruders) {
+        SCOPED_TRACE(intruder.name);
+        Vex::sptr<CameraApp> app = CameraApp::Start(intruder.pid, intruder.uid);
+        if (intruder.subscribes) {
+            app->Subscribe();
+        }
+        EXPECT_EQ(app->PutImage(sessionId, 0, 1, photo.fds), 1001);
+        EXPECT_EQ(app->RemoteCancel(sessionId, CODE_LAST_PHOTO), 1001);
+        EXPECT_EQ(app->RemoteCancel(sessionId, CODE_PHOTO_FAILED), 1001);
+    }
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    auto process = CameraAbilityProcess::GetInstance();
+    EXPECT_TRUE(Peer().SentOnDataChannelsFor(sessionId).empty());
+    for (uint32_t code : ControlCodes(sessionId)) {
+        EXPECT_EQ(code, CODE_CAMERA_STARTED);  // a subscription tells the requester the camera is up
+    }
+    EXPECT_EQ(process->QueryPutPhotoContext(sessionId)->GetCameraStatus(), PutPhotoContext::CAMERA_RUNNING);
+    EXPECT_TRUE(app_->Events().empty());
+
+    // The camera application itself still can.
+    EXPECT_EQ(app_->PutImage(sessionId, 0, 1, photo.fds), 0);
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    std::vector<PeerMessage> data = Decode(Peer().SentOnDataChannelsFor(sessionId));
+    ASSERT_EQ(data.size(), 2u);
+    EXPECT_TRUE(data[1].code == CODE_LAST_PHOTO && data[1].payload == photo.contents[0]);
+}
+
+// A photo longer than the requesting side can hand to its application is refused before any
+// buffer for it is taken: the requester hears that the photo failed.
+TEST_F(ServingDeviceTest, PhotoLongerThanTheRequesterTakesIsRefusedUnread)
+{
+    int32_t sessionId = OpenCollaborationWithChannel();
+    PhotoFiles files({16, 1});
+    // Sparse: the length is there without the bytes.
+    ASSERT_EQ(ftruncate(files.fds[1], static_cast<off_t>(Vex::MessageParcel::MAX_RAW_DATA_SIZE) + 1), 0);
+    EXPECT_EQ(app_->PutImage(sessionId, 0, 2, files.fds), 0);
+    ASSERT_TRUE(AsynThreadPool::WaitIdle(60000));
+    std::vector<PeerMessage> data = Decode(Peer().SentOnDataChannelsFor(sessionId));
+    ASSERT_EQ(data.size(), 2u);
+    EXPECT_TRUE(data[1].code == CODE_PHOTO && data[1].payload == files.contents[0]);
+    EXPECT_EQ(ControlCodes(sessionId), (Codes{CODE_CAMERA_STARTED, CODE_PHOTO_COUNT, CODE_PHOTO_FAILED}));
+}
+
+// A file that yields fewer bytes than its length (a sysfs attribute claims a page) is sent at
+// its full length: what was read, then zeros.
+TEST_F(ServingDeviceTest, ShortReadSendsTheAnnouncedLengthZeroFilled)
+{
+    const char* path = "/sys/devices/system/cpu/online";
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        GTEST_SKIP() << "no " << path << " to read short from";
+    }
+    const off_t length = lseek(fd, 0, SEEK_END);
+    std::string content(static_cast<size_t>(std::max<off_t>(length, 0)), '\0');
+    lseek(fd, 0, SEEK_SET);
+    const ssize_t read = ::read(fd, content.data(), content.size());
+    if (read <= 0 || read >= length) {
+        close(fd);
+        GTEST_SKIP() << path << " reads whole here";
+    }
+    int32_t sessionId = OpenCollaborationWithChannel();
+    EXPECT_EQ(app_->PutImage(sessionId, 0, 1, {fd}), 0);
+    close(fd);
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    std::vector<PeerMessage> data = Decode(Peer().SentOnDataChannelsFor(sessionId));
+    ASSERT_EQ(data.size(), 2u);
+    EXPECT_EQ(data[1].size, static_cast<uint32_t>(length));
+    std::string expected = content.substr(0, static_cast<size_t>(read)) + std::string(length - read, '\0');
+    EXPECT_TRUE(data[1].payload == expected) << "short read not zero-filled";
+}
+
 }  // namespace QUEX::Tandra::Testing

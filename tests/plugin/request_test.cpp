@@ -5,11 +5,14 @@
 #include <json/json.h>
 
 #include <functional>
+#include <map>
 #include <future>
 #include <tuple>
 
+#include "dfx_helper.h"
 #include "requesting_fixture.h"
 #include "take_photo_command.h"
+#include "vex_sys_event.h"
 
 namespace QUEX::Tandra::RequestingTesting {
 namespace {
@@ -200,22 +203,87 @@ TEST_F(RequestTest, CallerAndPickerAreCheckedBeforeAnythingIsAsked)
     struct Row {
         const char* name;
         const char* foreground;
+        const char* caller;  // the bundle of the caller's uid
         bool wifi;
         Vex::sptr<PickerResult> picker;
+        Vex::sptr<Vex::IRemoteObject> callback;  // null: the application's own
         int32_t expected;
     };
-    const Row rows[] = {{"another app in the foreground", "com.other.app", true, Picker(), 1020},
-                        {"foreground checked before Wi-Fi", "", false, Picker(), 1020},
-                        {"Wi-Fi off", APP_BUNDLE.c_str(), false, Picker(), 2013},
-                        {"no ability filter", APP_BUNDLE.c_str(), true, Picker(false, true, true), 1001},
-                        {"no device", APP_BUNDLE.c_str(), true, Picker(true, false, true), 1001},
-                        {"no local info", APP_BUNDLE.c_str(), true, Picker(true, true, false), 1001}};
+    const char* app = APP_BUNDLE.c_str();
+    // An object of the caller's, but not a collaboration callback.
+    Vex::sptr<Vex::IRemoteObject> service;
+    {
+        Vex::ScopedIdentity as(APP_PID, APP_UID);
+        service = new Vex::IPCObjectStub(u"quex.ITandra.ITandraService");
+    }
+    const Row rows[] = {{"another app in the foreground", "com.other.app", app, true, Picker(), nullptr, 1020},
+                        {"foreground checked before Wi-Fi", "", app, false, Picker(), nullptr, 1020},
+                        {"caller of no known bundle, nothing in the foreground", "", "", true, Picker(), nullptr, 1020},
+                        {"Wi-Fi off", app, app, false, Picker(), nullptr, 2013},
+                        {"no ability filter", app, app, true, Picker(false, true, true), nullptr, 1001},
+                        {"no device", app, app, true, Picker(true, false, true), nullptr, 1001},
+                        {"no local info", app, app, true, Picker(true, true, false), nullptr, 1001},
+                        {"callback of another interface", app, app, true, Picker(), service, 1001}};
     for (const Row& row : rows) {
         device_.SetForegroundApp(row.foreground);
+        device_.SetBundleName(APP_UID, row.caller);
         device_.Env().SetWifiState(row.wifi);
-        EXPECT_EQ(Request(false, row.picker), std::make_pair(row.expected, 0u)) << row.name;
+        EXPECT_EQ(Request(false, row.picker, row.callback), std::make_pair(row.expected, 0u)) << row.name;
     }
     EXPECT_TRUE(meshline_->Requests().empty());
+    EXPECT_TRUE(device_.Peer().Sessions().empty());
+}
+
+// A second request for a peer that already has a collaboration joins it: the reply carries the
+// running collaboration's id and nothing else happens: no second application for resources or
+// state, no second session or command, and the running collaboration goes on to its end.
+TEST_F(RequestTest, SecondRequestForThePeerJoinsTheRunningCollaboration)
+{
+    Collaboration collaboration = Start();
+    ASSERT_TRUE(meshline_->WaitForActions());
+    const size_t requests = meshline_->Requests().size();
+    EXPECT_EQ(Request(true), std::make_pair(0, collaboration.id));
+    EXPECT_EQ(meshline_->Requests().size(), requests);
+
+    PeerSends(collaboration, CameraMessage(CODE_PHOTO_COUNT, 1));
+    AwaitPhotoWait();
+    PeerSends(collaboration, CameraMessage(CODE_LAST_PHOTO, 3, "abc"), true);
+    Settle();
+    EXPECT_EQ(device_.Peer().SessionsOpenedByDevice().size(), 1u);
+    std::vector<uint32_t> heard;
+    for (const AppCall& call : app_->Calls()) {
+        heard.push_back(call.code);
+        EXPECT_EQ(call.collaborationId, collaboration.id);
+    }
+    EXPECT_EQ(heard, (std::vector<uint32_t>{EVENT_PHOTO_COUNT, EVENT_LAST_PHOTO}));
+    EXPECT_EQ(env_->bus_.Closes(), (std::vector<std::pair<int32_t, bool>>{{collaboration.sessionId, true}}));
+    EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 4, 1}));
+}
+
+// A control session that cannot be opened is reported with the peer's anonymised network id and
+// the name the session was to have on both devices.
+TEST_F(RequestTest, FailedSessionIsReportedUnderItsOwnName)
+{
+    Vex::SysEventCapture events;
+    device_.Peer().FailSessionOpens(-7);
+    auto [result, id] = Request();
+    ASSERT_EQ(result, 0);
+    ASSERT_TRUE(app_->Await(1));
+    Settle();
+    std::vector<Vex::SysEventRecord> reports;
+    for (const auto& record : events.Records()) {
+        if (record.func == "HandleSendTakePhotoReqError" && std::get<int32_t>(record.params.at(2).second) == 4 &&
+            std::get<int32_t>(record.params.at(4).second) == 2) {
+            reports.push_back(record);
+        }
+    }
+    ASSERT_EQ(reports.size(), 1u);
+    const std::string name = IdText(id) + "-" + peer_.networkId;
+    std::map<std::string, Vex::SysEventValue> keys(reports[0].params.begin(), reports[0].params.end());
+    EXPECT_EQ(std::get<std::string>(keys.at("LOCAL_SESS_NAME")), name);
+    EXPECT_EQ(std::get<std::string>(keys.at("PEER_SESS_NAME")), name);
+    EXPECT_EQ(std::get<std::string>(keys.at("PEER_NET_ID")), DfxHelper::GetAnonymousID(peer_.networkId));
+    EXPECT_EQ(std::get<int32_t>(keys.at("ERROR_CODE")), -7);
 }
 
 // The reply does not wait for the peer: with the session's open held, the id is already known.

@@ -109,18 +109,33 @@ public:
         const uint32_t code = call.code;
         Add(std::move(call));
         std::function<void()> action;
+        bool refuse = false;
         {
             std::lock_guard<std::mutex> lock(hookMutex_);
             if (hook_ && hookCode_ == code) {
                 action = std::move(hook_);
                 hook_ = nullptr;
             }
+            if (refuseCode_ != 0 && refuseCode_ == code) {
+                refuse = true;
+                refuseCode_ = 0;
+            }
         }
         if (action) {
             action();
         }
+        if (refuse) {
+            return Vex::ERR_TRANSACTION_FAILED;
+        }
         reply.WriteInt32(0);
         return 0;
+    }
+
+    // The next call with the code fails as a broken or overloaded application would fail it.
+    void RefuseCall(uint32_t code)
+    {
+        std::lock_guard<std::mutex> lock(hookMutex_);
+        refuseCode_ = code;
     }
 
     // Runs the action once, on the calling thread before the call is answered, when a call with
@@ -165,6 +180,7 @@ private:
     std::mutex hookMutex_;
     uint32_t hookCode_ = 0;
     std::function<void()> hook_;
+    uint32_t refuseCode_ = 0;
 };
 
 // A peer message: the 8-byte header, then the payload.
@@ -340,14 +356,16 @@ public:
 
     // Request code 1 as the application sends it (to the framework service) or as the host
     // hands it to the plugin: the reply's (result, collaboration id).
-    std::pair<int32_t, uint32_t> Request(bool throughService = false, Vex::sptr<PickerResult> picker = nullptr)
+    // callback null: the application's own callback object.
+    std::pair<int32_t, uint32_t> Request(bool throughService = false, Vex::sptr<PickerResult> picker = nullptr,
+                                         Vex::sptr<Vex::IRemoteObject> callback = nullptr)
     {
         Vex::MessageParcel data;
         Vex::MessageParcel reply;
         WriteHeader(data, 1, throughService);
         data.WriteInt32(1);
         (picker != nullptr ? picker : Picker())->Marshalling(data);
-        data.WriteRemoteObject(Vex::sptr<Vex::IRemoteObject>(app_.GetRefPtr()));
+        data.WriteRemoteObject(callback != nullptr ? callback : Vex::sptr<Vex::IRemoteObject>(app_.GetRefPtr()));
         Send(data, reply, throughService);
         int32_t result = reply.ReadInt32();
         return {result, reply.ReadUint32()};

@@ -109,10 +109,11 @@ inline Vex::sptr<PhotoCallerInfo> CameraCaller(int32_t sessionId)
 class CameraApp : public Vex::IPCObjectStub {
 public:
     using Event = std::pair<uint32_t, uint32_t>;
-    static Vex::sptr<CameraApp> Start()
+    // The camera application, or another application of this device (its own pid and uid).
+    static Vex::sptr<CameraApp> Start(int32_t pid = CAMERA_PID, int32_t uid = CAMERA_UID)
     {
-        Vex::ScopedIdentity as(CAMERA_PID, CAMERA_UID);
-        return new CameraApp();
+        Vex::ScopedIdentity as(pid, uid);
+        return new CameraApp(pid, uid);
     }
 
     int OnRemoteRequest(uint32_t, Vex::MessageParcel& data, Vex::MessageParcel& reply, Vex::MessageOption&) override
@@ -156,7 +157,7 @@ public:
     int32_t RemoteCancel(std::optional<int32_t> sessionId, uint32_t errCode) { return Send(10, sessionId, {errCode}); }
 
 private:
-    CameraApp() : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback") {}
+    CameraApp(int32_t pid, int32_t uid) : Vex::IPCObjectStub(u"quex.ITandra.ITandraCallback"), pid_(pid), uid_(uid) {}
 
     // A request as the application writes it; request 2 carries no caller info.
     int32_t Send(uint32_t request, std::optional<int32_t> sessionId, const std::vector<uint32_t>& values,
@@ -181,11 +182,13 @@ private:
             more(data);
         }
         Vex::MessageOption option;
-        Vex::ScopedIdentity as(CAMERA_PID, CAMERA_UID);
+        Vex::ScopedIdentity as(pid_, uid_);
         int32_t status = service_->SendRequest(COLLABORATION_TO_DEVICE_CODE, data, reply, option);
         return status != Vex::ERR_NONE ? status : reply.ReadInt32();
     }
 
+    const int32_t pid_;
+    const int32_t uid_;
     std::mutex mutex_;
     std::condition_variable heard_;
     std::vector<Event> events_;

@@ -82,6 +82,45 @@ TEST_F(SpineTest, RegistriesKeepTheFirstValueAndAnswerWithSentinels)
     // The first query claims the pid; later ones find it claimed.
     EXPECT_FALSE(process_->QueryIsDeathRecipient(4242));
     EXPECT_TRUE(process_->QueryIsDeathRecipient(4242));
+    EXPECT_EQ(process_->QueryDataChannelId(77), -1);
+    EXPECT_TRUE(process_->AddDataChannelId(77, 1001));
+    EXPECT_FALSE(process_->AddDataChannelId(77, 1002));
+    EXPECT_EQ(process_->QueryDataChannelId(77), 1001);
+    EXPECT_TRUE(process_->EraseDataChannelId(77));
+    EXPECT_FALSE(process_->EraseDataChannelId(77));
+}
+
+// Stops and disconnect notices that find nothing to stop answer 1001 and send nothing.
+TEST_F(SpineTest, StopsWithNothingToStopAnswer1001)
+{
+    EXPECT_EQ(process_->ProcessDisconnect(peer_.networkId), 1001);
+    EXPECT_EQ(process_->SendStopTakePhotoReq(501, ""), 1001);
+    EXPECT_EQ(process_->SendStopTakePhotoReq(501, peer_.networkId), 1001);  // no session id
+    EXPECT_TRUE(app_->Calls().empty());
+    EXPECT_TRUE(env_->bus_.Closes().empty());
+    EXPECT_TRUE(meshline_->Requests().empty());
+}
+
+// The header on the wire, written out by hand: code then size, each four bytes, least
+// significant first, and nothing between them and the payload.
+TEST_F(SpineTest, HeaderBytesOnTheWire)
+{
+    Collaboration collaboration = Start();
+    ASSERT_EQ(process_->SendCodeBack(CODE_CAMERA_STARTED, collaboration.sessionId), 0);
+    CameraMsgHeader count{CODE_PHOTO_COUNT, 0x01020304};
+    ASSERT_EQ(process_->SendMsgHeaderByControlChannel(collaboration.sessionId, count), 0);
+    auto sent = device_.Peer().SentOnSession(collaboration.sessionId);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].bytes, std::string("\xff\x20\xad\x3b\x00\x00\x00\x00", 8));
+    EXPECT_EQ(sent[1].bytes, std::string("\xf8\x20\xad\x3b\x04\x03\x02\x01", 8));
+    EXPECT_EQ(sent[0].type, 2u);
+
+    // A photo as the requesting side reads it: the payload starts right after the eight bytes.
+    PeerSends(collaboration, std::string("\xf8\x20\xad\x3b\x01\x00\x00\x00", 8));
+    AwaitPhotoWait();
+    PeerSends(collaboration, std::string("\x80\x19\xad\x3b\x03\x00\x00\x00xyz", 11), true);
+    ASSERT_TRUE(app_->Await(1, EVENT_LAST_PHOTO));
+    EXPECT_EQ(app_->Calls(102).at(0).bytes, "xyz");
 }
 
 TEST(SpineIdTest, ResolveCollaborationIdAcceptsOnlyADecimalIdBeforeTheDash)
@@ -153,7 +192,7 @@ TEST_F(SpineTest, EventsHaveOneKeyLayoutFixedValuesAndALimitThatStillLogs)
     Vex::VexSysEvent::SetWriteLimit(100, std::chrono::seconds(5));
     Vex::VexSysEvent::ResetWriteLimit();
     Vex::SysEventCapture events;
-    DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, 461440990, "PEER");
+    DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, 461440990, "PEER", "00000000001-PEER");
     ASSERT_EQ(events.Records().size(), 1u);
     const Vex::SysEventRecord record = events.Records()[0];
     EXPECT_EQ(record.domain, "TANDRA");

@@ -3,8 +3,11 @@
 // grant, and Release in each state the camera can be in.
 #include "take_photo_command.h"
 
+#include <atomic>
 #include <future>
+#include <map>
 
+#include "dfx_helper.h"
 #include "serving_fixture.h"
 
 namespace QUEX::Tandra::Testing {
@@ -74,12 +77,162 @@ TEST_P(PreemptTest, WaitsForTheRunningCommandsRelease)
     ASSERT_TRUE(Peer().AwaitOpenResult(second, result));
     EXPECT_EQ(result, released ? 0 : 2010);
     EXPECT_EQ(device_.Launcher().StartCount(), released ? 2u : 1u);
-    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), released ? 1u : 0u);
+    // Granted or not, the new command stops listening to service states.
+    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), 1u);
     EXPECT_TRUE(released || HasEvent("Execute", {3, 6, 2, 2010}));
     EXPECT_TRUE(!released || Peer().AwaitChannelsOpened(2));
+
+    // Once both collaborations are over, nothing of either is left: no context, no channel id,
+    // no current task, and every subscription made is undone.
+    ASSERT_TRUE(Peer().AwaitDelivered(Peer().CloseSession(released ? second : first)));
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    ASSERT_TRUE(meshline_->WaitForActions());
+    auto process = CameraAbilityProcess::GetInstance();
+    EXPECT_TRUE(process->GetAllPutPhotoContexts().empty());
+    EXPECT_EQ(process->QueryDataChannelId(first), -1);
+    EXPECT_EQ(process->QueryDataChannelId(second), -1);
+    EXPECT_EQ(process->GetCollaborationDataInfo(), (std::pair<int32_t, std::string>{0, ""}));
+    EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_SERVICE_STATE), meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE));
+    EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_NOTIFY_DISCONNECT),
+              meshline_->RequestCount(UNSUBSCRIBE_NOTIFY_DISCONNECT));
+    EXPECT_EQ(Vex::Clock::WaitingCount(), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(FirstReleased, PreemptTest, ::testing::Bool());
+
+// A current task whose record is gone cannot be pre-empted (22): the refused command leaves
+// neither its context nor its service-state subscription behind.
+TEST_F(ServingDeviceTest, PreemptionOfATaskWithoutRecordLeavesNothingBehind)
+{
+    auto process = CameraAbilityProcess::GetInstance();
+    process->SetCollaborationDataInfo(99, "com.gone.camera");
+    int32_t result = -1;
+    int32_t sessionId = OpenCollaboration(result);
+    EXPECT_EQ(result, 22);
+    ASSERT_TRUE(meshline_->WaitForActions());
+    EXPECT_EQ(process->QueryPutPhotoContext(sessionId), nullptr);
+    EXPECT_TRUE(process->GetAllPutPhotoContexts().empty());
+    EXPECT_EQ(meshline_->RequestCount(SUBSCRIBE_SERVICE_STATE), 1u);
+    EXPECT_EQ(meshline_->RequestCount(UNSUBSCRIBE_SERVICE_STATE), 1u);
+    EXPECT_EQ(device_.Launcher().StartCount(), 0u);
+    // The task it found is not its own to clear.
+    EXPECT_EQ(process->GetCollaborationDataInfo(), (std::pair<int32_t, std::string>{99, "com.gone.camera"}));
+    process->ClearCollaborationDataInfo();
+}
+
+// The behaviour events of the serving side name the requester by its network id, not by the
+// UDID its command carries, and the session by the name it was opened with; the failed
+// pre-emption and the failed start carry the common keys only.
+TEST_F(ServingDeviceTest, EventsNameTheRequestersNetworkIdAndSession)
+{
+    const std::string udid = "REQUESTERUDID9999";
+    for (size_t at = commandText_.find(REQUESTER_UDID); at != std::string::npos;
+         at = commandText_.find(REQUESTER_UDID)) {
+        commandText_.replace(at, REQUESTER_UDID.size(), udid);
+    }
+    int32_t sessionId = OpenCollaborationWithChannel();
+    const std::string name = "00000000007-LOCALNETWORKID0001";
+    auto keysOf = [this](const std::string& func, int32_t stage, int32_t res) {
+        std::vector<std::map<std::string, Vex::SysEventValue>> found;
+        for (const auto& record : events_.Records()) {
+            std::map<std::string, Vex::SysEventValue> keys(record.params.begin(), record.params.end());
+            if (record.func == func && std::get<int32_t>(keys.at("BIZ_STAGE")) == stage &&
+                std::get<int32_t>(keys.at("STAGE_RES")) == res) {
+                found.push_back(keys);
+            }
+        }
+        return found;
+    };
+    auto opened = keysOf("OpenChannel", 7, 1);
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_EQ(std::get<std::string>(opened[0].at("PEER_NET_ID")), DfxHelper::GetAnonymousID(REQUESTER));
+    EXPECT_NE(DfxHelper::GetAnonymousID(REQUESTER), DfxHelper::GetAnonymousID(udid));
+    EXPECT_EQ(std::get<std::string>(opened[0].at("LOCAL_SESS_NAME")), name);
+    EXPECT_EQ(std::get<std::string>(opened[0].at("PEER_SESS_NAME")), name);
+
+    // A second requester: pre-empting a task without record fails, then a start fails.
+    auto process = CameraAbilityProcess::GetInstance();
+    ASSERT_TRUE(Peer().AwaitDelivered(Peer().CloseSession(sessionId)));
+    process->SetCollaborationDataInfo(99, "com.gone.camera");
+    int32_t result = -1;
+    OpenCollaboration(result, "00000000008-LOCALNETWORKID0001");
+    EXPECT_EQ(result, 22);
+    process->ClearCollaborationDataInfo();
+    device_.Launcher().SetResult(4321);
+    OpenCollaboration(result, "00000000009-LOCALNETWORKID0001");
+    EXPECT_EQ(result, 4321);
+    const size_t common = 12;
+    for (const auto& [stage, error] : {std::make_pair(6, 22), std::make_pair(5, 4321)}) {
+        auto failed = keysOf("Execute", stage, 2);
+        ASSERT_EQ(failed.size(), 1u) << stage;
+        EXPECT_EQ(failed[0].size(), common) << stage;
+        EXPECT_EQ(std::get<int32_t>(failed[0].at("ERROR_CODE")), error);
+    }
+}
+
+// The requester's session ends just as the data channel opens: the channel is closed, no id of
+// it stays registered, and the last state published is free. Either the release lands while the
+// opening records the channel, or the link is already gone when the opening looks for the
+// session and the release follows.
+class ReleaseWhileOpeningTest : public ServingDeviceTest, public ::testing::WithParamInterface<bool> {};
+
+// A bus whose control sessions are already gone when a channel opening asks for them.
+struct LinkLostEnv : DeviceEnvWrapper {
+    struct Bus : ScriptedPeer {
+        bool HasCtrlSession(int32_t) override { return false; }
+    } bus;
+    using DeviceEnvWrapper::DeviceEnvWrapper;
+    SoftBus& GetSoftBus() override { return bus; }
+};
+
+TEST_P(ReleaseWhileOpeningTest, ChannelOpenedAroundTheReleaseIsClosed)
+{
+    const bool linkLost = GetParam();
+    std::shared_ptr<LinkLostEnv> env;
+    if (linkLost) {
+        env = std::make_shared<LinkLostEnv>(device_.EnvPtr());
+        bus_ = &env->bus;
+        DeviceContext::Get().InstallEnv(env);
+    }
+    meshline_->AnswerApplyResource(GRANTED);
+    std::atomic<int32_t> sessionId{-1};
+    std::atomic<bool> fired{false};
+    ScriptedMeshlineService* service = meshline_.GetRefPtr();
+    ScriptedPeer* bus = &Peer();
+    if (!linkLost) {
+        // The release comes while the opening tells the connection manager that the channel is up.
+        meshline_->SetReplyWriter(PUBLISH_SERVICE_STATE, [&, service, bus](Vex::MessageParcel& reply) {
+            auto published = service->Requests(PUBLISH_SERVICE_STATE);
+            if (!published.empty() && published.back().ints.at(0) == 4 && !fired.exchange(true)) {
+                bus->CloseSession(sessionId.load());
+                EXPECT_TRUE(bus->AwaitChannelClosedByDevice(bus->Channels().at(0).channelId));
+            }
+            reply.WriteInt32(0);
+        });
+    }
+    int32_t result = -1;
+    sessionId = bus->OpenSessionToDevice(REQUESTER, "00000000007-LOCALNETWORKID0001", commandText_);
+    ASSERT_TRUE(bus->AwaitOpenResult(sessionId, result));
+    ASSERT_EQ(result, 0);
+    ASSERT_TRUE(bus->AwaitChannelsOpened(1));
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    if (linkLost) {
+        ASSERT_TRUE(bus->AwaitDelivered(bus->CloseSession(sessionId)));
+    }
+    ASSERT_TRUE(bus->AwaitIdle());
+    ASSERT_TRUE(AsynThreadPool::WaitIdle());
+    ASSERT_TRUE(meshline_->WaitForActions());
+    auto process = CameraAbilityProcess::GetInstance();
+    EXPECT_TRUE(process->GetAllPutPhotoContexts().empty());
+    EXPECT_EQ(process->QueryDataChannelId(sessionId), -1);
+    EXPECT_EQ(bus->ChannelsClosedByDevice(), std::vector<int32_t>{bus->Channels().at(0).channelId});
+    auto published = meshline_->Requests(PUBLISH_SERVICE_STATE);
+    ASSERT_FALSE(published.empty());
+    EXPECT_EQ(published.back().ints, std::vector<int32_t>{1});
+    meshline_->SetReplyWriter(PUBLISH_SERVICE_STATE, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(LinkLost, ReleaseWhileOpeningTest, ::testing::Bool());
 
 // OpenChannel called as the command's worker calls it, for a command of session 77.
 class ChannelTest : public ServingDeviceTest, public ::testing::WithParamInterface<int> {

@@ -17,6 +17,11 @@ static_assert(sizeof(CameraMsgHeader) == 8, "the header is exactly two 32-bit wo
 
 constexpr uint32_t CAMERA_MSG_HEADER_LEN = sizeof(CameraMsgHeader);
 
+// The longest photo either side handles: the requesting side hands a photo to its application
+// in one callback parcel, whose raw data holds at most this much (checked where the parcel is
+// known).
+constexpr uint32_t MAX_PHOTO_SIZE = 256U * 1024U * 1024U;
+
 // Peer message codes.
 constexpr uint32_t CODE_LAST_PHOTO = 1001200000;
 constexpr uint32_t CODE_PHOTO_FAILED = 1001201901;

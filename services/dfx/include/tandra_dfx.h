@@ -52,20 +52,28 @@ struct CallSite {
 
 // Plain stage mark, error code 0.
 void ReportStage(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res);
+// Stage mark with an error code and nothing else.
+void ReportStageError(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode);
 // Stage mark with an error code and "BIZ_STATE".
 void ReportStageState(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode,
                       BizState state);
 // Stage mark with an error code and "TO_CALL_PKG" (the package the stage calls, e.g. "AMS").
 void ReportStageToCall(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode,
                        const std::string& toCallPkg);
+// The session-name keys of the layouts below carry the name of the control session the stage
+// belongs to: the name its opener chose, which both devices know it by (data channels have no
+// name of their own; their messages travel under the control session's).
 // Scene 2, stage 4 failures: request-error keys (ends the collaboration: "BIZ_STATE" 2).
-void ReportRequestError(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId);
+void ReportRequestError(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId,
+                        const std::string& sessionName);
 // Scene 2, stage 3: camera session set-up, with "PEER_NET_ID".
 void ReportSessionSetup(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId);
 // Scene 5, stage 9: photo transfer keys.
-void ReportPhotoTransfer(CallSite site, StageRes res, int32_t errorCode, BizState state);
+void ReportPhotoTransfer(CallSite site, StageRes res, int32_t errorCode, BizState state,
+                         const std::string& sessionName);
 // Scene 3, stage 7: channel keys; a negative error code is reported as its absolute value.
-void ReportChannel(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId);
+void ReportChannel(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId,
+                   const std::string& sessionName);
 
 }  // namespace DFX
 }  // namespace Tandra

@@ -18,10 +18,8 @@ namespace {
 const char* const EVENT_DOMAIN = "TANDRA";
 const char* const EVENT_NAME = "SERVICE_COLLABORATION_EVENT";
 constexpr int32_t EVENT_TYPE = 2;
-// The soft-bus process that channel and transfer stages call, and the data session's name on
-// both devices (the two plugins open the same session).
+// The soft-bus process that channel and transfer stages call.
 const char* const SOFT_BUS_PKG = "softbus_server";
-const char* const DATA_SESSION_NAME = "quex.tandra.camera.data";
 
 template <typename... Extra>
 void Write(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode, Extra&&... extra)
@@ -46,6 +44,11 @@ void ReportStage(CallSite site, BizScene scene, SerCollBizStage stage, StageRes 
     Write(site, scene, stage, res, 0);
 }
 
+void ReportStageError(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode)
+{
+    Write(site, scene, stage, res, errorCode);
+}
+
 void ReportStageState(CallSite site, BizScene scene, SerCollBizStage stage, StageRes res, int32_t errorCode,
                       BizState state)
 {
@@ -58,10 +61,11 @@ void ReportStageToCall(CallSite site, BizScene scene, SerCollBizStage stage, Sta
     Write(site, scene, stage, res, errorCode, "TO_CALL_PKG", toCallPkg);
 }
 
-void ReportRequestError(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId)
+void ReportRequestError(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId,
+                        const std::string& sessionName)
 {
     Write(site, BizScene::TAKE_PHOTO_REQUEST, SerCollBizStage::REQUEST_SENT, res, errorCode, "TO_CALL_PKG",
-          SOFT_BUS_PKG, "LOCAL_SESS_NAME", DATA_SESSION_NAME, "PEER_SESS_NAME", DATA_SESSION_NAME, "IS_TRUST", true,
+          SOFT_BUS_PKG, "LOCAL_SESS_NAME", sessionName, "PEER_SESS_NAME", sessionName, "IS_TRUST", true,
           "BIZ_STATE", BizState::END, "PEER_NET_ID", DfxHelper::GetAnonymousID(peerNetworkId));
 }
 
@@ -71,19 +75,19 @@ void ReportSessionSetup(CallSite site, StageRes res, int32_t errorCode, const st
           DfxHelper::GetAnonymousID(peerNetworkId));
 }
 
-void ReportPhotoTransfer(CallSite site, StageRes res, int32_t errorCode, BizState state)
+void ReportPhotoTransfer(CallSite site, StageRes res, int32_t errorCode, BizState state, const std::string& sessionName)
 {
     Write(site, BizScene::PHOTO_TRANSFER, SerCollBizStage::PHOTO_SENT, res, errorCode, "TO_CALL_PKG", SOFT_BUS_PKG,
-          "LOCAL_SESS_NAME", DATA_SESSION_NAME, "PEER_SESS_NAME", DATA_SESSION_NAME, "IS_TRUST", true, "BIZ_STATE",
-          state);
+          "LOCAL_SESS_NAME", sessionName, "PEER_SESS_NAME", sessionName, "IS_TRUST", true, "BIZ_STATE", state);
 }
 
-void ReportChannel(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId)
+void ReportChannel(CallSite site, StageRes res, int32_t errorCode, const std::string& peerNetworkId,
+                   const std::string& sessionName)
 {
     // Channel failures come as negative transport codes; the report carries their magnitude.
     const int32_t reported = errorCode == INT32_MIN ? INT32_MAX : (errorCode < 0 ? -errorCode : errorCode);
     Write(site, BizScene::TAKE_PHOTO_COMMAND, SerCollBizStage::DATA_CHANNEL, res, reported, "TO_CALL_PKG", SOFT_BUS_PKG,
-          "LOCAL_SESS_NAME", DATA_SESSION_NAME, "PEER_SESS_NAME", DATA_SESSION_NAME, "IS_TRUST", true, "PEER_NET_ID",
+          "LOCAL_SESS_NAME", sessionName, "PEER_SESS_NAME", sessionName, "IS_TRUST", true, "PEER_NET_ID",
           DfxHelper::GetAnonymousID(peerNetworkId));
 }
 

@@ -33,6 +33,7 @@
 #include "on_event_process.h"
 #include "pending.h"
 #include "put_photo_context.h"
+#include "soft_bus.h"
 
 namespace Json {
 class Value;
@@ -87,9 +88,12 @@ public:
     void ApplyResourcecallback(const std::string& networkId, const std::string& serviceName, const std::string& reason,
                                uint32_t result);
     uint32_t ProcessCameraSessions(const std::string& networkId, Vex::sptr<Vex::IRemoteObject> callback);
+    // joined: the id is that of a collaboration already running with the peer.
+    uint32_t ProcessCameraSessions(const std::string& networkId, Vex::sptr<Vex::IRemoteObject> callback,
+                                   bool& joined);
     int32_t SendTakePhotoReq(Vex::sptr<DeviceInfo> deviceInfo, uint32_t collaborationId, Vex::sptr<LocalInfo> localInfo,
                              Vex::sptr<AbilityFilter> abilityFilter);
-    void HandleSendTakePhotoReqError(int32_t errorCode, const std::string& networkId);
+    void HandleSendTakePhotoReqError(int32_t errorCode, const std::string& networkId, const std::string& sessionName);
     static std::string UIntToString(uint32_t value);
 
     // ---- registries (camera_ability_registry.cpp) ----
@@ -116,6 +120,10 @@ public:
     bool ErasePutPhotoContext(int32_t collaborationSessionId);
     std::vector<std::shared_ptr<PutPhotoContext>> GetAllPutPhotoContexts();
     static uint32_t ResolveCollaborationId(const std::string& text);
+    // The requesting-side collaboration whose own control session this is: one this device
+    // opened to the collaboration's peer under the collaboration's name (and, once recorded,
+    // with its session id). 0 for every other session, whatever its name.
+    uint32_t CollaborationOfSession(const CtrlSessionInfo& session);
 
     // ---- death watching (camera_ability_death.cpp) ----
     int32_t RegistDeathRecipientByCollaborationId(uint32_t collaborationId, uint32_t deathCode,
@@ -151,7 +159,7 @@ public:
     // ---- received data and the application's callback (camera_ability_receive.cpp) ----
     void OnDataReceived(uint32_t collaborationId, const char* data, unsigned long rawDataLen);
     void ProcessDataReceived(uint32_t code, uint32_t size, uint32_t collaborationId, const char* data);
-    void DfxCodeReceived(uint32_t code, bool isSuccess);
+    void DfxCodeReceived(uint32_t code, bool isSuccess, uint32_t collaborationId);
     bool CheckAndUpdateState(uint32_t collaborationId, uint32_t code);
     void ProcessNotifyUI(uint32_t code, uint32_t collaborationId, std::list<uint32_t> waitCodes,
                          std::string message);
@@ -192,6 +200,9 @@ public:
     void InvokeCachedEvent();
     void ClearCachedEvent(const std::string& bundleName);
     int32_t ProcessCancelTakePhotoCallBack(uint32_t code, std::string& event, std::string& bundleName);
+    // Whether the caller is the camera application the context's command started, as it
+    // subscribed: a subscription of that pid and uid for the started bundle.
+    bool IsSubscribedCameraApp(const std::shared_ptr<PutPhotoContext>& context, int32_t pid, int32_t uid);
 
     // ---- cancel, stop and link loss (camera_ability_cancel.cpp) ----
     int32_t ProcessCancelTakePhotoRequest(uint32_t collaborationId);
@@ -200,6 +211,9 @@ public:
     int32_t ProcessDisconnect(std::string networkId);
     void ProcessWifiShutDown();
     void ProcessCtrlChannelShutDown(const std::string& key);
+    // The loss of a control session: ends the collaboration only when it is that
+    // collaboration's own session.
+    void ProcessCtrlChannelShutDown(const CtrlSessionInfo& session);
     // Stops watching the application of a collaboration that has ended and frees its death
     // recipient; does nothing when the recipient is already firing or was detached before.
     void DetachCollaborationDeathRecipient(const std::shared_ptr<CameraProcessState>& state);

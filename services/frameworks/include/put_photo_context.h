@@ -1,5 +1,5 @@
 // PutPhotoContext: the serving side's record of one remote take-photo command: its control
-// session, the camera application (pid, uid, alive), the camera status (1 running, 2 ended,
+// session, the bundle its command started, the camera application (pid, uid, alive), the camera status (1 running, 2 ended,
 // 3 putting images, 4 cancelled remotely) and the data-channel status (0 opened, -1 failed,
 // 2 cancelled, anything else not yet settled) with the code of its last change.
 // Also PhotoParam, one photo message on its way from the file to the data channel.
@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <shared_mutex>
+#include <string>
 #include <utility>
 
 namespace QUEX {
@@ -29,6 +30,12 @@ public:
     explicit PutPhotoContext(int32_t collaborationSessionId);
 
     int32_t GetCollaborationSessionId() const { return collaborationSessionId_; }
+    // The bundle the command started: only that application may act for the collaboration.
+    void SetCameraBundleName(const std::string& bundleName);
+    std::string GetCameraBundleName() const;
+    // The control session's name as its opener chose it, for the behaviour reports.
+    void SetSessionName(const std::string& sessionName);
+    std::string GetSessionName() const;
     void SetPid(int32_t pid);
     void SetUid(int32_t uid);
     int32_t GetPid() const;
@@ -44,6 +51,8 @@ public:
 private:
     mutable std::shared_mutex mutex_;
     const int32_t collaborationSessionId_;
+    std::string cameraBundleName_;
+    std::string sessionName_;
     int32_t pid_ = 0;
     int32_t uid_ = 0;
     bool cameraAlive_ = false;

@@ -171,6 +171,21 @@ void CameraAbilityProcess::ProcessCtrlChannelShutDown(const std::string& key)
     ReleaseTimeoutLock(collaborationId, {CODE_PHOTO_COUNT, CODE_LAST_PHOTO});
 }
 
+void CameraAbilityProcess::ProcessCtrlChannelShutDown(const CtrlSessionInfo& session)
+{
+    TNDR_SERVICE_LOGI("OnCtrlChannelShutDown, session %{public}d", session.sessionId);
+    const uint32_t collaborationId = CollaborationOfSession(session);
+    if (collaborationId == 0) {
+        TNDR_SERVICE_LOGI("no collaboration of this device on session %{public}d", session.sessionId);
+        return;
+    }
+    ProcessPhotoEventCommand(CODE_LOCAL_CTRL_SHUTDOWN, collaborationId, MSG_ERRORCODE);
+    DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
+                          DFX::StageRes::FAILED, static_cast<int32_t>(CODE_LOCAL_CTRL_SHUTDOWN - DFX_ERROR_CODE_BASE),
+                          DFX::BizState::END);
+    ReleaseTimeoutLock(collaborationId, {CODE_PHOTO_COUNT, CODE_LAST_PHOTO});
+}
+
 void CameraAbilityProcess::ProcessWifiShutDown()
 {
     TNDR_SERVICE_LOGI("enter");
@@ -228,6 +243,10 @@ int32_t CameraAbilityProcess::CollaborationToRemoteCancelTakePhotoReq(MessagePar
     if (putPhotoContext == nullptr) {
         TNDR_SERVICE_LOGE("putPhotoContext is null!");
         return ERR_NO_PUT_PHOTO_CONTEXT;
+    }
+    if (!IsSubscribedCameraApp(putPhotoContext, context.pid, context.uid)) {
+        TNDR_SERVICE_LOGE("caller %{public}d is not the camera application of the collaboration", context.pid);
+        return ERR_INVALID_PARAM;
     }
     // A camera that is already putting its images (or has ended) can no longer cancel.
     if (!putPhotoContext->ChangeCameraStatus(PutPhotoContext::CAMERA_REMOTE_CANCELLED).first) {

@@ -44,9 +44,13 @@ int32_t CameraAbilityProcess::CollaborationToTakephotoReq(MessageParcel& data, M
 
     int32_t result = ERR_INVALID_PARAM;
     uint32_t collaborationId = 0;
+    // Events and photos go to this object: it must be a collaboration callback.
+    sptr<CallbackSkeletonProxy> proxy = iface_cast<CallbackSkeletonProxy>(callback);
     if (pickerResult == nullptr || callback == nullptr) {
         TNDR_SERVICE_LOGE("pickerResult == %{public}d, object = %{public}d", pickerResult == nullptr ? 1 : 0,
                           callback == nullptr ? 1 : 0);
+    } else if (proxy == nullptr) {
+        TNDR_SERVICE_LOGE("callback is not a collaboration callback");
     } else {
         std::tie(result, collaborationId) = ProcessCameraAbilityRequest(pickerResult, callback);
         TNDR_SERVICE_LOGI("return code %{public}d", result);

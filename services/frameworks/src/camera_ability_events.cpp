@@ -268,6 +268,23 @@ void CameraAbilityProcess::ClearCachedEvent(const std::string& bundleName)
     cachedEvents_.remove_if([&bundleName](const CachedEvent& entry) { return entry.bundleName == bundleName; });
 }
 
+bool CameraAbilityProcess::IsSubscribedCameraApp(const std::shared_ptr<PutPhotoContext>& context, int32_t pid,
+                                                 int32_t uid)
+{
+    if (context == nullptr) {
+        return false;
+    }
+    const std::string bundleName = context->GetCameraBundleName();
+    if (bundleName.empty()) {
+        return false;
+    }
+    std::shared_lock<std::shared_mutex> lock(registryMutex_);
+    return std::any_of(eventProcesses_.begin(), eventProcesses_.end(), [&](const auto& entry) {
+        const std::shared_ptr<OnEventProcess>& process = entry.second;
+        return process != nullptr && process->pid == pid && process->uid == uid && process->bundleName == bundleName;
+    });
+}
+
 int32_t CameraAbilityProcess::ProcessCancelTakePhotoCallBack(uint32_t code, std::string& event, std::string& bundleName)
 {
     TNDR_SERVICE_LOGI("enter");

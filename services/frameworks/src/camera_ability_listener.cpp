@@ -1,5 +1,5 @@
-// The plugin's listener on the host's session layer: turns the host's session key into the
-// collaboration id and hands messages and link losses to the camera ability process.
+// The plugin's listener on the host's session layer: finds the collaboration a session belongs
+// to and hands its messages and its loss to the camera ability process.
 #include "camera_ability_listener.h"
 
 #include <cstring>
@@ -11,26 +11,36 @@
 namespace QUEX {
 namespace Tandra {
 
-void CameraAbilityProcessListener::OnDataReceived(const std::string& key, const char* data, uint32_t len,
-                                                  uint32_t /* reserved */)
+void CameraAbilityProcessListener::OnSessionMessage(const CtrlSessionInfo& session, int32_t channelId,
+                                                    const char* data, uint32_t len)
 {
-    TNDR_SERVICE_LOGI("on data recv");
+    TNDR_SERVICE_LOGI("on data recv, session %{public}d, channel %{public}d", session.sessionId, channelId);
     CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
     if (process == nullptr) {
         TNDR_SERVICE_LOGE("ability not support yet");
         return;
     }
-    std::shared_ptr<ListenerManager> manager = ListenerManager::GetInstance();
-    if (manager == nullptr) {
-        TNDR_SERVICE_LOGE("FetchCollaborationId fail");
-        return;
-    }
-    auto [result, collaborationId] = manager->FetchCollaborationId(key);
-    if (result != 0) {
-        TNDR_SERVICE_LOGE("FetchCollaborationId fail");
+    const uint32_t collaborationId = process->CollaborationOfSession(session);
+    if (collaborationId == 0) {
+        TNDR_SERVICE_LOGE("message on session %{public}d is for no collaboration of ours, dropped", session.sessionId);
         return;
     }
     process->OnDataReceived(collaborationId, data, len);
+}
+
+void CameraAbilityProcessListener::OnSessionShutDown(const CtrlSessionInfo& session)
+{
+    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
+    if (process != nullptr) {
+        process->ProcessCtrlChannelShutDown(session);
+    }
+}
+
+void CameraAbilityProcessListener::OnDataReceived(const std::string& key, const char* /* data */, uint32_t len,
+                                                  uint32_t /* reserved */)
+{
+    // A name alone does not say which device sent the message: anyone may choose it.
+    TNDR_SERVICE_LOGE("message of %{public}u bytes by name %{public}s only, dropped", len, key.c_str());
 }
 
 void CameraAbilityProcessListener::OnDataReceived(int32_t id, const char* data, uint32_t len, uint32_t /* reserved */)
@@ -48,10 +58,7 @@ void CameraAbilityProcessListener::OnDataReceived(int32_t id, const char* data, 
 
 void CameraAbilityProcessListener::OnCtrlChannelShutDown(const std::string& key)
 {
-    CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
-    if (process != nullptr) {
-        process->ProcessCtrlChannelShutDown(key);
-    }
+    TNDR_SERVICE_LOGE("session loss by name %{public}s only, ignored", key.c_str());
 }
 
 void CameraAbilityProcessListener::OnWiFiShutDown()

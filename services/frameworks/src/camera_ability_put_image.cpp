@@ -83,6 +83,11 @@ int32_t CameraAbilityProcess::CollaborationToPutImageReq(MessageParcel& data, Me
         CloseDescriptors(photoInfo->GetPhotoFdList());
         return ERR_NO_PUT_PHOTO_CONTEXT;
     }
+    if (!IsSubscribedCameraApp(putPhotoContext, context.pid, context.uid)) {
+        TNDR_SERVICE_LOGE("caller %{public}d is not the camera application of the collaboration", context.pid);
+        CloseDescriptors(photoInfo->GetPhotoFdList());
+        return ERR_INVALID_PARAM;
+    }
     // Only one batch per camera run: the status leaves "running" for good here.
     if (!putPhotoContext->ChangeCameraStatus(PutPhotoContext::CAMERA_PUTTING).first) {
         TNDR_SERVICE_LOGE("changeCameraStatus failed!");
@@ -156,12 +161,14 @@ void CameraAbilityProcess::ProcessPutPhoto(std::shared_ptr<PutPhotoContext> cont
     const int32_t sessionId = context->GetCollaborationSessionId();
     CameraMsgHeader countHeader{CODE_PHOTO_COUNT, photoCount};
     SendMsgHeaderByControlChannel(sessionId, countHeader);
-    DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::BEGIN, 0, DFX::BizState::BEGIN);
+    const std::string sessionName = context->GetSessionName();
+    DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::BEGIN, 0, DFX::BizState::BEGIN, sessionName);
     int32_t res = SendMsgHeaderByDataChannel(context, countHeader);
     if (res != 0) {
         TNDR_SERVICE_LOGE("enter, send photo count fail, res = %{public}d", res);
         SendCodeBack(CODE_DATA_SEND_FAILED, sessionId);
-        DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::FAILED, std::abs(res), DFX::BizState::END);
+        DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::FAILED, std::abs(res), DFX::BizState::END,
+                                 sessionName);
     } else {
         for (uint32_t imageSeq = 0; imageSeq < photoCount; ++imageSeq) {
             int32_t fd = fds[imageSeq];
@@ -176,7 +183,7 @@ void CameraAbilityProcess::ProcessPutPhoto(std::shared_ptr<PutPhotoContext> cont
                 break;
             }
             if (imageSeq == 0) {
-                DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, DFX::BizState::BEGIN);
+                DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, DFX::BizState::BEGIN, sessionName);
             }
         }
     }
@@ -201,6 +208,14 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
         TNDR_SERVICE_LOGE("fd = %{public}d valid, but file length = %{public}d", photoFd,
                           static_cast<int32_t>(fileLength));
+        return ERR_PHOTO_FILE;
+    }
+    // The requesting side hands each photo to its application in one callback parcel; a longer
+    // one could never arrive, so it is refused before megabytes are taken for it.
+    if (static_cast<uint64_t>(fileLength) > MAX_PHOTO_SIZE) {
+        SendCodeBack(CODE_PHOTO_FAILED, sessionId);
+        TNDR_SERVICE_LOGE("fd = %{public}d, file length = %{public}lld is more than the requester takes", photoFd,
+                          static_cast<long long>(fileLength));
         return ERR_PHOTO_FILE;
     }
     const uint32_t length = static_cast<uint32_t>(fileLength);

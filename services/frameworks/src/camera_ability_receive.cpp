@@ -9,6 +9,7 @@
 #include "camera_app_callback.h"
 #include "camera_meshline_constants.h"
 #include "camera_result_codes.h"
+#include "message_parcel.h"
 #include "tandra_dfx.h"
 #include "vex_log_tags.h"
 
@@ -20,6 +21,7 @@ namespace {
 constexpr int32_t ERR_PARCEL_WRITE = 1007;
 constexpr int32_t ERR_SEND_TO_APP = 461374453;
 constexpr uint32_t PHOTO_WAIT_SECONDS = 10;
+static_assert(MAX_PHOTO_SIZE == MessageParcel::MAX_RAW_DATA_SIZE, "a photo fits one callback parcel");
 
 // Finds or creates the photo-data wait in one step under the pending lock, so that the
 // photo-count message and a photo racing in on the other channel agree on who starts the
@@ -86,7 +88,7 @@ void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uin
         case CODE_CAMERA_APP_FAILURE_2:
         case CODE_CAMERA_DIED:
         case CODE_DATA_SEND_FAILED:
-            DfxCodeReceived(code, false);
+            DfxCodeReceived(code, false, collaborationId);
             ProcessNotifyUI(code, collaborationId, {CODE_PHOTO_COUNT, CODE_LAST_PHOTO}, MSG_ERRORCODE);
             break;
         case CODE_DISCONNECTED_BEFORE_SEND:
@@ -119,13 +121,18 @@ void CameraAbilityProcess::ProcessDataReceived(uint32_t code, uint32_t size, uin
     }
 }
 
-void CameraAbilityProcess::DfxCodeReceived(uint32_t code, bool isSuccess)
+void CameraAbilityProcess::DfxCodeReceived(uint32_t code, bool isSuccess, uint32_t collaborationId)
 {
+    // The control session's name, as this device opened it.
+    std::shared_ptr<CameraProcessState> state = QueryCameraProcess(collaborationId);
+    const std::string sessionName =
+        UIntToString(collaborationId) + "-" + (state != nullptr ? state->GetNetworId() : std::string());
     if (isSuccess) {
-        DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, DFX::BizState::END);
+        DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, DFX::BizState::END, sessionName);
         return;
     }
-    DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::FAILED, static_cast<int32_t>(code), DFX::BizState::END);
+    DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::FAILED, static_cast<int32_t>(code), DFX::BizState::END,
+                             sessionName);
     DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::RECEIVE_RESULT, DFX::SerCollBizStage::CAMERA_RUNNING,
                           DFX::StageRes::FAILED, static_cast<int32_t>(code - DFX_ERROR_CODE_BASE), DFX::BizState::END);
 }
@@ -181,17 +188,20 @@ int32_t CameraAbilityProcess::ProcessPhotoEventCommand(uint32_t code, uint32_t c
     }
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, CALLBACK_WAIT_SECONDS);
+    int32_t result = 0;
     if (callback->SendRequest(static_cast<uint32_t>(requestCode), data, reply, option) != ERR_NONE) {
+        // An application that cannot be told still has its collaboration ended.
         TNDR_SERVICE_LOGE("send request to Tandra failed");
-        return ERR_SEND_TO_APP;
+        result = ERR_SEND_TO_APP;
+    } else {
+        TNDR_SERVICE_LOGI("replyRes = %{public}d", reply.ReadInt32());
     }
-    TNDR_SERVICE_LOGI("replyRes = %{public}d", reply.ReadInt32());
     // Every reported event but the photo count ends the collaboration; the stop sequence
     // decides which.
     int32_t post = AsynThreadPool::AddAsynTask(
         [this, collaborationId, reportedCode, state]() { SendStopTakePhoto(collaborationId, reportedCode, state); });
     TNDR_SERVICE_LOGI("add async result = %{public}d", post);
-    return 0;
+    return result;
 }
 
 void CameraAbilityProcess::ProcessPhotoDataReceived(uint32_t code, uint32_t size, uint32_t collaborationId,
@@ -199,7 +209,10 @@ void CameraAbilityProcess::ProcessPhotoDataReceived(uint32_t code, uint32_t size
 {
     TNDR_SERVICE_LOGI("has received code = %{public}d", code);
     if (code == CODE_PHOTO) {
-        ProcessPhotoDataCommand(EVENT_PHOTO, collaborationId, size, message + CAMERA_MSG_HEADER_LEN);
+        if (ProcessPhotoDataCommand(EVENT_PHOTO, collaborationId, size, message + CAMERA_MSG_HEADER_LEN) ==
+            ERR_SEND_TO_APP) {
+            return;  // the collaboration has ended: no wait for the next photo
+        }
         auto [pending, created] =
             ObtainPhotoWait(pendingMutex_, pendingWaits_, PendingKey(collaborationId, CODE_LAST_PHOTO));
         if (!created) {
@@ -246,24 +259,36 @@ int32_t CameraAbilityProcess::ProcessPhotoDataCommand(uint32_t photoSendStatus, 
         TNDR_SERVICE_LOGE("query CameraProcess failed");
         return ERR_INVALID_ARGUMENT;
     }
+    // A photo that cannot reach the application ends the collaboration as any failure does: the
+    // application hears why, and everything of the collaboration is released.
+    auto notHandedOver = [this, collaborationId]() {
+        ReleaseTimeoutLock(collaborationId, {CODE_PHOTO_COUNT, CODE_LAST_PHOTO});
+        ProcessPhotoEventCommand(ERR_SEND_TO_APP, collaborationId, MSG_ERRORCODE);
+        return ERR_SEND_TO_APP;
+    };
+    // Checked before the parcel takes a buffer for it.
+    if (size > MAX_PHOTO_SIZE) {
+        TNDR_SERVICE_LOGE("photo of %{public}u bytes is more than one callback carries", size);
+        return notHandedOver();
+    }
     MessageParcel parcel;
     int32_t requestCode = CallbackSkeletonProxy::BuildCollaborationCallbackCode(parcel, CALLBACK_SERVICE_PHOTO,
                                                                                 CALLBACK_SUB_PHOTO, 0, 0, 0);
     if (requestCode < 0) {
         TNDR_SERVICE_LOGE("build callback code failed");
-        return ERR_INVALID_ARGUMENT;
+        return notHandedOver();
     }
     // The one copy of the photo bytes on this side: from the receive buffer into the parcel.
     if (!parcel.WriteUint32(photoSendStatus) || !parcel.WriteUint32(collaborationId) || !parcel.WriteUint32(size) ||
         !parcel.WriteRawData(data, size)) {
         TNDR_SERVICE_LOGE("write to parcel failed, photoSendStatus = %{public}u", photoSendStatus);
-        return ERR_INVALID_ARGUMENT;
+        return notHandedOver();
     }
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, CALLBACK_WAIT_SECONDS);
     if (callback->SendRequest(static_cast<uint32_t>(requestCode), parcel, reply, option) != ERR_NONE) {
         TNDR_SERVICE_LOGE("send request to Tandra failed");
-        return ERR_SEND_TO_APP;
+        return notHandedOver();
     }
     int32_t result = reply.ReadInt32();
     TNDR_SERVICE_LOGI("replyRes = %{public}d", result);

@@ -7,6 +7,7 @@
 
 #include "camera_ability_process.h"
 #include "camera_meshline_constants.h"
+#include "listener_manager.h"
 #include "tandra_service_utils.h"
 #include "vex_log_tags.h"
 
@@ -198,6 +199,30 @@ std::vector<std::shared_ptr<PutPhotoContext>> CameraAbilityProcess::GetAllPutPho
         contexts.push_back(context);
     }
     return contexts;
+}
+
+uint32_t CameraAbilityProcess::CollaborationOfSession(const CtrlSessionInfo& session)
+{
+    // Sessions a device opens towards us carry names of its own choosing; the requesting side's
+    // collaborations only ever run on sessions this device opened.
+    if (session.openedByPeer) {
+        return 0;
+    }
+    std::shared_ptr<ListenerManager> manager = ListenerManager::GetInstance();
+    if (manager == nullptr) {
+        return 0;
+    }
+    auto [result, collaborationId] = manager->FetchCollaborationId(session.sessionName);
+    if (result != 0 || QueryCameraProcess(collaborationId, session.peerNetworkId) == nullptr) {
+        return 0;
+    }
+    // Until the send records the session id, the open that is still returning is the only
+    // session of this name this device has opened to the peer.
+    const int32_t recorded = QuerySessionId(collaborationId);
+    if (recorded != NO_SESSION_ID && recorded != session.sessionId) {
+        return 0;
+    }
+    return collaborationId;
 }
 
 uint32_t CameraAbilityProcess::ResolveCollaborationId(const std::string& text)

@@ -76,6 +76,14 @@ std::pair<int32_t, uint32_t> CameraAbilityProcess::ProcessCameraAbilityRequest(s
 
     const std::string networkId = deviceInfo->GetDeviceNetworkId();
     DFX::ReportSessionSetup(TNDR_DFX_SITE, DFX::StageRes::BEGIN, 0, networkId);
+    // A request for a peer that already has a collaboration joins it, and nothing else: a new
+    // resource application or a published "requesting" state would reach the running one.
+    std::shared_ptr<CameraProcessState> running = QueryCameraProcess(networkId);
+    if (running != nullptr) {
+        TNDR_SERVICE_LOGI("a collaboration with this peer is running, the request joins it");
+        DFX::ReportSessionSetup(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, networkId);
+        return {ERR_OK, running->GetCollaborationId()};
+    }
 
     MeshlineManager& meshline = MeshlineManager::GetInstance();
     sptr<DisconncetCallback> disconnectCallback = new (std::nothrow) DisconncetCallback();
@@ -89,11 +97,16 @@ std::pair<int32_t, uint32_t> CameraAbilityProcess::ProcessCameraAbilityRequest(s
         return {res, 0};
     }
 
-    uint32_t collaborationId = ProcessCameraSessions(networkId, callback);
+    bool joined = false;
+    uint32_t collaborationId = ProcessCameraSessions(networkId, callback, joined);
     if (collaborationId == 0) {
         // The disconnect subscription stays: a collaboration for this peer may still be running.
         TNDR_SERVICE_LOGE("failed to ProcessCameraSessions, collaborationId is %{public}d", collaborationId);
         return {ERR_INVALID_PARAM, 0};
+    }
+    if (joined) {
+        // The running collaboration has its session and command already.
+        return {ERR_OK, collaborationId};
     }
 
     // The application gets its reply before the peer has been contacted.
@@ -120,7 +133,9 @@ bool CameraAbilityProcess::GetTopAbility()
     if (abilityManagerClient != nullptr) {
         topBundleName = abilityManagerClient->GetTopAbility().GetBundleName();
     }
-    if (topBundleName == callerBundleName) {
+    // A caller whose bundle is unknown is never the foreground application, not even when
+    // nothing is in the foreground.
+    if (!callerBundleName.empty() && topBundleName == callerBundleName) {
         return true;
     }
     TNDR_PROXY_LOGE("The top ability is %{public}s now,request ability is %{public}s", topBundleName.c_str(),
@@ -213,6 +228,14 @@ void CameraAbilityProcess::ApplyResourcecallback(const std::string& networkId, c
 
 uint32_t CameraAbilityProcess::ProcessCameraSessions(const std::string& networkId, sptr<IRemoteObject> callback)
 {
+    bool joined = false;
+    return ProcessCameraSessions(networkId, callback, joined);
+}
+
+uint32_t CameraAbilityProcess::ProcessCameraSessions(const std::string& networkId, sptr<IRemoteObject> callback,
+                                                     bool& joined)
+{
+    joined = false;
     sptr<CallbackSkeletonProxy> proxy =
         callback != nullptr ? new (std::nothrow) CallbackSkeletonProxy(callback) : nullptr;
     if (proxy == nullptr) {
@@ -224,6 +247,7 @@ uint32_t CameraAbilityProcess::ProcessCameraSessions(const std::string& networkI
         // A second request for the same peer joins the running collaboration.
         TNDR_SERVICE_LOGE("already being processed here");
         DFX::ReportSessionSetup(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, networkId);
+        joined = true;
         return existing->GetCollaborationId();
     }
 
@@ -283,7 +307,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
     }
     if (result != ERR_OK) {
         ProcessPhotoEventCommand(static_cast<uint32_t>(result), collaborationId, MSG_ERRORCODE);
-        HandleSendTakePhotoReqError(result, networkId);
+        HandleSendTakePhotoReqError(result, networkId, sessionName);
         return result;
     }
     if (!AddSessionId(collaborationId, sessionId)) {
@@ -313,14 +337,15 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
     return waitResult;
 }
 
-void CameraAbilityProcess::HandleSendTakePhotoReqError(int32_t errorCode, const std::string& networkId)
+void CameraAbilityProcess::HandleSendTakePhotoReqError(int32_t errorCode, const std::string& networkId,
+                                                       const std::string& sessionName)
 {
     if (errorCode == ERR_WAIT_TIMEOUT) {
-        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_DATA_CHANNEL_TIMEOUT, networkId);
+        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_DATA_CHANNEL_TIMEOUT, networkId, sessionName);
     } else if (errorCode == ERR_PEER_UNAVAILABLE) {
-        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::CANCEL, 0, networkId);
+        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::CANCEL, 0, networkId, sessionName);
     } else {
-        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, errorCode, networkId);
+        DFX::ReportRequestError(TNDR_DFX_SITE, DFX::StageRes::FAILED, errorCode, networkId, sessionName);
     }
 }
 

@@ -11,6 +11,30 @@ namespace Tandra {
 
 PutPhotoContext::PutPhotoContext(int32_t collaborationSessionId) : collaborationSessionId_(collaborationSessionId) {}
 
+void PutPhotoContext::SetCameraBundleName(const std::string& bundleName)
+{
+    std::unique_lock<std::shared_mutex> lock(mutex_);
+    cameraBundleName_ = bundleName;
+}
+
+std::string PutPhotoContext::GetCameraBundleName() const
+{
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    return cameraBundleName_;
+}
+
+void PutPhotoContext::SetSessionName(const std::string& sessionName)
+{
+    std::unique_lock<std::shared_mutex> lock(mutex_);
+    sessionName_ = sessionName;
+}
+
+std::string PutPhotoContext::GetSessionName() const
+{
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    return sessionName_;
+}
+
 void PutPhotoContext::SetPid(int32_t pid)
 {
     std::unique_lock<std::shared_mutex> lock(mutex_);

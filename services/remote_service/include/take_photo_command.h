@@ -57,6 +57,8 @@ public:
     std::shared_ptr<StartAbilityParam> GetStartAbilityParam() const { return startAbilityParam_; }
 
 private:
+    void ReleaseRefused(const std::shared_ptr<PutPhotoContext>& context);
+
     static constexpr int32_t ERR_CONTEXT_REFUSED = 2008;
     static constexpr int32_t ERR_CHANNEL_NOT_RECORDED = 2009;
     static constexpr int32_t ERR_CAMERA_CLOSED = 2011;
@@ -81,6 +83,18 @@ private:
     // Orders the channel opening's camera-status check and its storing of the session id
     // against Release, so that a channel opened while the camera closes is closed by one side.
     std::mutex channelMutex_;
+    // Orders the service states the command publishes: "connected" from the channel opening
+    // only while the command is not released, "free" from Release after it.
+    std::mutex stateMutex_;
+    bool released_ = false;
+    // Execute got as far as making this collaboration the current task; a command refused
+    // before that leaves the current task (another collaboration's) alone on release.
+    std::atomic<bool> started_{false};
+    bool subscribedServiceState_ = false;  // Execute's thread, then Release's
+    // The control session as its opener named it and the device at its other end (the
+    // requester's network id, where the command names it by its UDID), for the reports.
+    std::string sessionName_;
+    std::string peerNetworkId_;
     // The callbacks handed to the connection manager, detached when the command goes.
     Vex::sptr<ServiceStateChangedCallback> serviceStateCallback_;
     Vex::sptr<CmdDisConnectCallback> disconnectCallback_;

@@ -10,6 +10,7 @@
 #include "camera_meshline_constants.h"
 #include "camera_result_codes.h"
 #include "meshline_manager.h"
+#include "session_manager.h"
 #include "soft_bus_adapter.h"
 #include "start_ability_adapter.h"
 #include "take_photo_command_callbacks.h"
@@ -64,15 +65,26 @@ int32_t TakePhotoCommand::Execute(int collaborationSessionId)
     if (!process->AddPutPhotoContext(collaborationSessionId, context)) {
         return ERR_CONTEXT_REFUSED;
     }
+    // From here on the context is this command's: Release finds and removes it even when
+    // Execute fails below.
+    collaborationSessionId_ = collaborationSessionId;
+    context->SetCameraBundleName(startAbilityParam_->bundleName);
+    CtrlSessionInfo session;
+    if (SessionManager::GetIncomingSession(collaborationSessionId, session)) {
+        sessionName_ = session.sessionName;
+        peerNetworkId_ = session.peerNetworkId;
+    }
+    context->SetSessionName(sessionName_);
     DFX::ReportStage(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::CONFLICT,
                      DFX::StageRes::BEGIN);
     if (IsExistConflict()) {
         serviceStateCallback_ = new ServiceStateChangedCallback(this);
         MeshlineManager::GetInstance().SubscribeServiceState(serviceStateCallback_);
+        subscribedServiceState_ = true;
         int32_t result = ProcessDisconnect(startAbilityParam_->localDeviceId);
         if (result != 0) {
-            DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::CONFLICT,
-                                  DFX::StageRes::FAILED, result, DFX::BizState::END);
+            DFX::ReportStageError(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::CONFLICT,
+                                  DFX::StageRes::FAILED, result);
             TNDR_SERVICE_LOGE("disconnecte failed");
             return result;
         }
@@ -85,15 +97,14 @@ int32_t TakePhotoCommand::Execute(int collaborationSessionId)
     }
     DFX::ReportStage(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::CONFLICT,
                      DFX::StageRes::SUCCESS);
-    collaborationSessionId_ = collaborationSessionId;
 
     DFX::ReportStageToCall(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::START_ABILITY,
                            DFX::StageRes::BEGIN, 0, START_ABILITY_CALLEE);
     process->ClearCachedEvent(startAbilityParam_->bundleName);
     int32_t result = StartAbilityAdapter::StartAbility(collaborationSessionId, startAbilityParam_);
     if (result != 0) {
-        DFX::ReportStageToCall(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::START_ABILITY,
-                               DFX::StageRes::FAILED, result, START_ABILITY_CALLEE);
+        DFX::ReportStageError(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_COMMAND, DFX::SerCollBizStage::START_ABILITY,
+                              DFX::StageRes::FAILED, result);
         TNDR_SERVICE_LOGE("StartCamera fail");
         return result;
     }
@@ -101,6 +112,7 @@ int32_t TakePhotoCommand::Execute(int collaborationSessionId)
     MeshlineManager::GetInstance().SubscribeNotifyDisconnect(startAbilityParam_->localDeviceId, serviceName_,
                                                              DISCONNECT_EVENT, disconnectCallback_);
     process->SetCollaborationDataInfo(collaborationSessionId, startAbilityParam_->bundleName);
+    started_ = true;
 
     // The opening waits up to 15 s for a grant; holding the command keeps it alive meanwhile
     // even if the host releases it (the opening then sees the camera closed and backs out).
@@ -158,6 +170,7 @@ int32_t TakePhotoCommand::ProcessDisconnect(std::string /*peerDeviceId*/)
     if (Clock::WaitFor(conflictCond_, lock, CONFLICT_WAIT, [this]() { return serviceFreed_; })) {
         lock.unlock();
         MeshlineManager::GetInstance().UnSubscribeServiceState();
+        subscribedServiceState_ = false;
         return 0;
     }
     TNDR_SERVICE_LOGI("timeout.");
@@ -195,6 +208,10 @@ void TakePhotoCommand::Release()
         TNDR_SERVICE_LOGE("RemovePutPhotoContext is nullptr");
         return;
     }
+    if (!started_) {
+        ReleaseRefused(context);
+        return;
+    }
     uint32_t cameraStatus = 0;
     {
         std::lock_guard<std::mutex> lock(channelMutex_);
@@ -216,9 +233,26 @@ void TakePhotoCommand::Release()
     int32_t closeRes = SoftBusAdapter::CloseSoftBusSession(softBusSessionId_);
     process->ClearCollaborationDataInfo();
     MeshlineManager& meshline = MeshlineManager::GetInstance();
-    meshline.PublishServiceState(startAbilityParam_->localDeviceId, serviceName_, "", SERVICE_STATE_FREE);
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        released_ = true;
+        meshline.PublishServiceState(startAbilityParam_->localDeviceId, serviceName_, "", SERVICE_STATE_FREE);
+    }
     meshline.UnSubscribeNotifyDisconnect(startAbilityParam_->localDeviceId, serviceName_);
     TNDR_SERVICE_LOGI("release closeRes = %{public}d, eraseChannel = %{public}d", closeRes, eraseChannel ? 1 : 0);
+}
+
+void TakePhotoCommand::ReleaseRefused(const std::shared_ptr<PutPhotoContext>& context)
+{
+    // Nothing was started and nothing published: only what the refused Execute registered goes.
+    TNDR_SERVICE_LOGI("release of a refused command");
+    context->ChangeCameraStatus(PutPhotoContext::CAMERA_ENDED);
+    context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_CANCELLED, 0);
+    if (subscribedServiceState_) {
+        // A pre-emption that was not granted in time keeps waiting for nothing otherwise.
+        MeshlineManager::GetInstance().UnSubscribeServiceState();
+        subscribedServiceState_ = false;
+    }
 }
 
 void TakePhotoCommand::RecordCommandReleaseResult(uint32_t cameraStatus, bool isCameraAlive,
@@ -245,7 +279,7 @@ void TakePhotoCommand::RecordCommandReleaseResult(uint32_t cameraStatus, bool is
         } else if (transmitStatus.first == PutPhotoContext::CHANNEL_OPENED) {
             TNDR_SERVICE_LOGI("camera soft bus open success");
         } else {
-            DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::CANCEL, 0, DFX::BizState::END);
+            DFX::ReportPhotoTransfer(TNDR_DFX_SITE, DFX::StageRes::CANCEL, 0, DFX::BizState::END, sessionName_);
         }
     }
 }

@@ -45,7 +45,7 @@ constexpr LinkType TAKE_PHOTO_LINK_TYPES[LINK_TYPE_MAX] = {
 int32_t TakePhotoCommand::OpenChannel(std::shared_ptr<PutPhotoContext> context)
 {
     const std::string peer = startAbilityParam_->localDeviceId;
-    DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::BEGIN, 0, peer);
+    DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::BEGIN, 0, peerNetworkId_, sessionName_);
     SessionAttribute attr{};
     int32_t result = IniandApplytResource(attr, peer);
     if (result != 0) {
@@ -53,32 +53,45 @@ int32_t TakePhotoCommand::OpenChannel(std::shared_ptr<PutPhotoContext> context)
     }
     CameraAbilityProcess* process = CameraAbilityProcess::GetInstance();
     if (process == nullptr) {
-        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_NO_PROCESS, peer);
+        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_NO_PROCESS, peerNetworkId_, sessionName_);
         return ERR_NO_PROCESS;
     }
     auto [openResult, sessionId] = SessionManager::OpenDataTransmitChannel(peer, attr);
+    bool added = false;
     {
+        // Release marks the camera ended under this lock, so either it comes after the channel is
+        // recorded (and takes it down with the rest) or the channel is closed here.
         std::lock_guard<std::mutex> lock(channelMutex_);
         if (openResult == 0 && context->GetCameraStatus() == PutPhotoContext::CAMERA_ENDED) {
             TNDR_SERVICE_LOGE("already PROCESSED, release %{public}d", SoftBusAdapter::CloseSoftBusSession(sessionId));
             return ERR_CAMERA_CLOSED;
         }
-        if (SessionManager::GetCollaborationSession(context->GetCollaborationSessionId())) {
+        // An open channel is always kept for Release to close: the control session may already
+        // be gone on the bus while its release is still on its way.
+        if (openResult == 0 || SessionManager::GetCollaborationSession(context->GetCollaborationSessionId())) {
             softBusSessionId_ = sessionId;
+        }
+        if (openResult == 0) {
+            context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_OPENED, 0);
+            added = process->AddDataChannelId(context->GetCollaborationSessionId(), sessionId);
         }
     }
     if (openResult != 0) {
         context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_FAILED, openResult);
         // Senders waiting for the channel learn of the failure now, not after their time-out.
         process->Releaselock();
-        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, openResult, peer);
+        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, openResult, peerNetworkId_, sessionName_);
         return openResult;
     }
-    DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, peer);
-    MeshlineManager::GetInstance().PublishServiceState(peer, serviceName_, "", SERVICE_STATE_CONNECTED);
-    context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_OPENED, 0);
-    bool added = process->AddDataChannelId(context->GetCollaborationSessionId(), sessionId);
     process->Releaselock();
+    {
+        // Never "connected" after Release has published the service free.
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (!released_) {
+            MeshlineManager::GetInstance().PublishServiceState(peer, serviceName_, "", SERVICE_STATE_CONNECTED);
+        }
+    }
+    DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, peerNetworkId_, sessionName_);
     if (!added) {
         TNDR_SERVICE_LOGE("add dataChannel fail");
         return ERR_CHANNEL_NOT_RECORDED;
@@ -89,13 +102,12 @@ int32_t TakePhotoCommand::OpenChannel(std::shared_ptr<PutPhotoContext> context)
 int32_t TakePhotoCommand::IniandApplytResource(SessionAttribute& attr, std::string /*peerDeviceId*/)
 {
     if (InitSessionAttributeForTakePhoto(attr) != 0) {
-        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_ATTR_COPY_FAILED,
-                           startAbilityParam_->localDeviceId);
+        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, ERR_ATTR_COPY_FAILED, peerNetworkId_, sessionName_);
         return ERR_ATTR_COPY;
     }
     int32_t result = ApplyResource();
     if (result != 0) {
-        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, result, startAbilityParam_->localDeviceId);
+        DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::FAILED, result, peerNetworkId_, sessionName_);
         return result;
     }
     return 0;
