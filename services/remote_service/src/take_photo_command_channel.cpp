@@ -77,7 +77,19 @@ int32_t TakePhotoCommand::OpenChannel(std::shared_ptr<PutPhotoContext> context)
     DFX::ReportChannel(TNDR_DFX_SITE, DFX::StageRes::SUCCESS, 0, peer);
     MeshlineManager::GetInstance().PublishServiceState(peer, serviceName_, "", SERVICE_STATE_CONNECTED);
     context->ChangeTransmitChanelStatus(PutPhotoContext::CHANNEL_OPENED, 0);
-    bool added = process->AddDataChannelId(context->GetCollaborationSessionId(), sessionId);
+    bool added = false;
+    {
+        // Release may have run since the check above; it erased no entry then, so registering
+        // the channel now would leave it behind. Release closed the channel if it knew it.
+        std::lock_guard<std::mutex> lock(channelMutex_);
+        if (context->GetCameraStatus() == PutPhotoContext::CAMERA_ENDED) {
+            int32_t closed = softBusSessionId_ == sessionId ? 0 : SoftBusAdapter::CloseSoftBusSession(sessionId);
+            process->Releaselock();
+            TNDR_SERVICE_LOGE("released while opening, close %{public}d", closed);
+            return ERR_CAMERA_CLOSED;
+        }
+        added = process->AddDataChannelId(context->GetCollaborationSessionId(), sessionId);
+    }
     process->Releaselock();
     if (!added) {
         TNDR_SERVICE_LOGE("add dataChannel fail");
