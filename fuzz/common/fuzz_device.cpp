@@ -96,6 +96,8 @@ struct FuzzDevice::Impl {
     int fds[3] = {-1, -1, -1};
     size_t waitsRunOut = 0;
     size_t inputs = 0;
+    // TANDRA_FUZZ_STRICT_WAITS=1: a wait still running after the end is a failure, not a count.
+    bool strictWaits = std::getenv("TANDRA_FUZZ_STRICT_WAITS") != nullptr;
 };
 
 const std::string& FuzzDevice::PeerNetworkId()
@@ -277,6 +279,9 @@ void FuzzDevice::Settle()
         if (!counted) {
             counted = true;
             ++impl_->waitsRunOut;
+            if (impl_->strictWaits) {
+                LeftBehind("a timed wait still running");
+            }
         }
         Vex::Clock::Advance(RUN_OUT_WAITS);
         bus.AwaitIdle(SETTLE);

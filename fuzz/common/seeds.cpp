@@ -98,7 +98,7 @@ void CommandTexts(const std::string& dir, const std::string& text)
 }
 
 // ---- requests: [selector][parcel bytes after the envelope] ----
-enum Selector : uint8_t { SERVING = 0x08, REQUESTING = 0x10, FROM_CAMERA = 0x20, WHOLE_HEADER = 6 };
+enum Selector : uint8_t { SERVING = 0x08, REQUESTING = 0x10, FROM_CAMERA = 0x20, RUNNING_ID = 0x40, WHOLE_HEADER = 6 };
 
 void Request(const std::string& dir, const std::string& name, uint8_t selector,
              const std::function<void(Vex::MessageParcel&)>& write)
@@ -169,7 +169,9 @@ void Requests(const std::string& dir)
         Fuzz::WriteDescriptorIndex(parcel, Fuzz::FD_PHOTO_SMALL);
         Fuzz::WriteDescriptorIndex(parcel, Fuzz::FD_PHOTO_LARGER);
     });
-    Request(dir, "cancel", 3 | REQUESTING, [](Vex::MessageParcel& parcel) { parcel.WriteUint32(1); });
+    Request(dir, "cancel_unknown", 3 | REQUESTING, [](Vex::MessageParcel& parcel) { parcel.WriteUint32(1); });
+    Request(dir, "cancel_running", 3 | REQUESTING | RUNNING_ID,
+            [](Vex::MessageParcel& parcel) { parcel.WriteUint32(0); });
     Request(dir, "unregister", 4 | SERVING | FROM_CAMERA,
             [](Vex::MessageParcel& parcel) { parcel.WriteString("imageProcessComplete"); });
     Request(dir, "remote_cancel", 5 | SERVING | FROM_CAMERA, [](Vex::MessageParcel& parcel) {

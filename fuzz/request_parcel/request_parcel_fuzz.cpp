@@ -8,11 +8,15 @@
 //   bit 3: a serving collaboration runs first (its session id is 1, its camera application
 //          subscribed), so put-image and remote-cancel requests can reach it;
 //   bit 4: a requesting collaboration runs first (ignored when bit 3 is set);
-//   bit 5: the camera application sends the request, else the requesting application.
+//   bit 5: the camera application sends the request, else the requesting application;
+//   bit 6: with bit 4, the first Uint32 of the arguments becomes the running collaboration's
+//          id (ids are not known in advance), so that a cancel can name it.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 #include "fuzz_device.h"
 #include "host_service_stub.h"
@@ -31,6 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     }
     const uint8_t selector = data[0];
+    uint32_t collaborationId = 0;
     Fuzz::FuzzDevice& device = Fuzz::FuzzDevice::Get();
     device.BeginInput();
     if ((selector & 0x08) != 0) {
@@ -39,7 +44,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             std::abort();
         }
     } else if ((selector & 0x10) != 0) {
-        uint32_t collaborationId = 0;
         int32_t sessionId = -1;
         if (!device.StartRequesting(collaborationId, sessionId)) {
             std::fprintf(stderr, "the requesting collaboration did not start: the harness is broken\n");
@@ -57,7 +61,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             request.WriteUint32(value);
         }
     }
-    request.WriteBuffer(data + 1, size - 1);
+    std::vector<uint8_t> arguments(data + 1, data + size);
+    if ((selector & 0x48) == 0x40 && (selector & 0x10) != 0 && arguments.size() >= sizeof(collaborationId)) {
+        std::memcpy(arguments.data(), &collaborationId, sizeof(collaborationId));
+    }
+    request.WriteBuffer(arguments.data(), arguments.size());
     device.FillSideTables(request);
     if ((selector & 0x20) != 0) {
         device.SendToService(request, reply, Fuzz::CAMERA_PID, Fuzz::CAMERA_UID);
