@@ -38,7 +38,11 @@ const char* const TAKE_PHOTO_TYPE = "tandra.CameraAbility.TakePhoto";
 // Real-time bound for the plugin's own threads to finish an input's work; far above what an
 // input takes, so only a hang reaches it.
 constexpr std::chrono::milliseconds SETTLE{5000};
-constexpr std::chrono::milliseconds GRACE{20};
+// How long a thread that was just woken (a wait stopped, a task finishing) may take to get
+// going on a loaded machine before a wait still in place counts as left behind.
+constexpr std::chrono::milliseconds GRACE{500};
+// Rounds of GRACE after which work that has not ended is a hang.
+constexpr int MAX_ROUNDS = 20;
 // Longer than every wait of the plugin (the longest is 180 s).
 constexpr std::chrono::seconds RUN_OUT_WAITS{200};
 
@@ -249,7 +253,7 @@ int32_t FuzzDevice::OpenFromPeer(const std::string& commandText, int32_t& result
     // The commands run on the bus's opener thread and may wait (for a pre-empted
     // collaboration, for the data channel): time moves on only when nothing else happens.
     for (int round = 0; !bus.AwaitOpenResult(sessionId, result, GRACE); ++round) {
-        if (round == 250) {
+        if (round == MAX_ROUNDS) {
             LeftBehind("a command of the peer's session still executes");
         }
         if (Vex::Clock::WaitingCount() > 0) {
@@ -267,10 +271,10 @@ void FuzzDevice::Settle()
         LeftBehind("the peer, the death notices or the connection manager did not settle");
     }
     // Pool tasks may sit in timed waits that only advancing time ends. A wait that was just
-    // stopped needs a moment to leave, so only one still there after a short grace counts.
+    // stopped needs a moment to leave, so only one still there after the grace counts.
     bool counted = false;
     for (int round = 0; !AsynThreadPool::WaitIdle(0) || Vex::Clock::WaitingCount() > 0; ++round) {
-        if (round == 250) {  // seconds of real time: a hang, not work
+        if (round == MAX_ROUNDS) {
             LeftBehind("work of the input still runs after every wait was run out");
         }
         if (AsynThreadPool::WaitIdle(GRACE.count()) || Vex::Clock::WaitingCount() == 0) {
