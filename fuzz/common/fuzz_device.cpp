@@ -23,8 +23,8 @@
 #include "process_registry.h"
 #include "scripted_meshline_service.h"
 #include "vex_clock.h"
+#include "camera_msg_header.h"
 #include "vex_log.h"
-#include "vex_sys_event.h"
 
 namespace QUEX::Tandra::Fuzz {
 namespace {
@@ -100,6 +100,7 @@ struct FuzzDevice::Impl {
     int fds[3] = {-1, -1, -1};
     size_t waitsRunOut = 0;
     size_t inputs = 0;
+    uint32_t requestingId = 0;  // the collaboration StartRequesting began in this input, or 0
     // TANDRA_FUZZ_STRICT_WAITS=1: a wait still running after the end is a failure, not a count.
     bool strictWaits = std::getenv("TANDRA_FUZZ_STRICT_WAITS") != nullptr;
 };
@@ -207,6 +208,7 @@ bool FuzzDevice::StartRequesting(uint32_t& collaborationId, int32_t& sessionId)
         return false;
     }
     collaborationId = reply.ReadUint32();
+    impl_->requestingId = collaborationId;
     char name[16];
     std::snprintf(name, sizeof(name), "%011u", collaborationId);
     const std::string sessionName = std::string(name) + "-" + peer.networkId;
@@ -317,6 +319,16 @@ void FuzzDevice::EndInput()
     }
     if (process->QueryCameraProcess(PeerNetworkId()) != nullptr) {
         LeftBehind("a requesting collaboration with the peer");
+    }
+    if (const uint32_t id = impl_->requestingId; id != 0) {
+        if (process->QueryCameraProcess(id) != nullptr || process->QuerySessionId(id) != -2) {
+            LeftBehind("the record or session id of collaboration " + std::to_string(id));
+        }
+        // Setting a wait's outcome finds a registered wait (and would end it).
+        if (process->SetTimeoutContext(id, CODE_PHOTO_COUNT) || process->SetTimeoutContext(id, CODE_LAST_PHOTO)) {
+            LeftBehind("a registered wait of collaboration " + std::to_string(id));
+        }
+        impl_->requestingId = 0;
     }
     // A cancel for a camera application that never subscribed stays cached by design (the
     // next command for its bundle clears it); drained here so that inputs do not pile it up.
