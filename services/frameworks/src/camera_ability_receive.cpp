@@ -42,8 +42,17 @@ std::pair<std::shared_ptr<Pending<int32_t>>, bool> ObtainPhotoWait(
 // one looked up by key when it runs: the last photo may overtake it and release the wait, and
 // a look-up would then start a new wait for a collaboration that is over, left registered to
 // time out later.
+// A stop sequence runs on the pool while messages keep arriving here: when it already ended
+// the collaboration (it marks it finished before it releases the waits), a wait registered just
+// now was missed by its release and would stay registered, so it is released here instead.
 void PostPhotoWait(CameraAbilityProcess* process, uint32_t collaborationId, std::shared_ptr<Pending<int32_t>> pending)
 {
+    std::shared_ptr<CameraProcessState> state = process->QueryCameraProcess(collaborationId);
+    if (state == nullptr || state->GetStatus() == CameraProcessState::STATUS_FINISHED) {
+        process->SetTimeoutContext(collaborationId, CODE_LAST_PHOTO);
+        TNDR_SERVICE_LOGI("collaboration %{public}u already ended, no photo wait", collaborationId);
+        return;
+    }
     int32_t post = AsynThreadPool::AddAsynTask([process, collaborationId, pending = std::move(pending)]() {
         process->GetTimeoutWaitCode(collaborationId, CODE_LAST_PHOTO, PHOTO_WAIT_SECONDS, pending);
     });
