@@ -192,6 +192,9 @@ void Daemon::Stop()
     }
     Vex::ProcessRegistry::Get().WaitForDeathNotices(STOP_DRAIN);
     DeviceContext::Get().Pool().WaitIdle(STOP_DRAIN);
+    if (meshline_ != nullptr) {
+        meshline_->Stop();  // anyone still waiting for a decision hears the refusal
+    }
     if (ipc_ != nullptr) {
         ipc_->Stop();
         unlink(config_.socketPath.c_str());
@@ -220,9 +223,18 @@ void Daemon::OnPeerLinked(const std::string& networkId)
 void Daemon::OnPeerLost(const std::string& networkId)
 {
     TNDR_HOST_LOGI("link to %{public}s lost", networkId.c_str());
-    if (meshline_ != nullptr) {
-        meshline_->NotifyPeerLost(networkId);
+    if (meshline_ == nullptr) {
+        return;
     }
+    // Services name a peer by either id: the requesting side by its network id, the serving
+    // side by the UDID its command carried.
+    std::string udid;
+    for (const KnownDevice& device : bus_->GetKnownDevices()) {
+        if (device.identity.networkId == networkId) {
+            udid = device.identity.udid;
+        }
+    }
+    meshline_->NotifyPeerLost(networkId, udid);
 }
 
 void Daemon::OnWifiStateChanged(bool active)
