@@ -57,6 +57,16 @@ size_t Pad4(size_t size)
     return (size + 3) & ~size_t(3);
 }
 
+bool ZeroPadding(const uint8_t* bytes, size_t used, size_t padded)
+{
+    for (size_t i = used; i < padded; ++i) {
+        if (bytes[i] != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 DecodeResult Bad(std::string error)
 {
     DecodeResult result;
@@ -150,6 +160,10 @@ DecodeResult DecodeFrame(const uint8_t* bytes, size_t size, Frame* frame)
         if (text == nullptr) {
             return Bad("frame object table cut short");
         }
+        // One encoding per frame: padding is zero, as the parcel's own format has it.
+        if (!ZeroPadding(text, size_t(units) * 2, Pad4(size_t(units) * 2))) {
+            return Bad("non-zero padding after an object descriptor");
+        }
         object.descriptor.resize(units);
         for (uint32_t u = 0; u < units; ++u) {
             object.descriptor[u] = static_cast<char16_t>(text[2 * u] | (text[2 * u + 1] << 8));
@@ -166,8 +180,12 @@ DecodeResult DecodeFrame(const uint8_t* bytes, size_t size, Frame* frame)
         }
     }
     out.dataOffset = IPC_FRAME_HEADER_SIZE + body.Position();
-    if (body.Bytes(Pad4(out.dataSize)) == nullptr) {
+    const uint8_t* data = body.Bytes(Pad4(out.dataSize));
+    if (data == nullptr) {
         return Bad("frame data cut short");
+    }
+    if (!ZeroPadding(data, out.dataSize, Pad4(out.dataSize))) {
+        return Bad("non-zero padding after the frame data");
     }
     if (body.Position() != bodySize) {
         return Bad("frame body longer than its contents");

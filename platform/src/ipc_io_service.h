@@ -17,8 +17,10 @@ public:
 
 private:
     IpcIoService();
+    static void StopAtExit();
     asio::io_context context_;
     asio::executor_work_guard<asio::io_context::executor_type> guard_;
+    std::thread thread_;
     std::thread::id threadId_;
 };
 

@@ -19,7 +19,7 @@ Frame Sample()
     frame.transaction = 0x1122334455667788ull;
     frame.handle = 9;
     frame.fdCount = 3;
-    frame.objects.push_back(FrameObject{ObjectKind::SENDER, 4, u"test.IEcho"});
+    frame.objects.push_back(FrameObject{ObjectKind::SENDER, 4, u"test.IEcho1"});  // padded by 2 bytes
     frame.objects.push_back(FrameObject{ObjectKind::RECEIVER, 2, u""});
     frame.rawSizes.push_back(64 * 1024 * 1024);
     return frame;
@@ -97,7 +97,7 @@ class IpcFrameCorruptionTest : public testing::TestWithParam<Corruption> {};
 
 TEST_P(IpcFrameCorruptionTest, IsRefusedWithAReason)
 {
-    std::vector<uint8_t> bytes = Wire(Sample(), {9, 9, 9, 9});
+    std::vector<uint8_t> bytes = Wire(Sample(), {9, 9, 9, 9, 9});  // padded by 3 bytes
     GetParam().apply(bytes);
     Frame frame;
     DecodeResult result = DecodeFrame(bytes.data(), bytes.size(), &frame);
@@ -124,8 +124,10 @@ INSTANTIATE_TEST_SUITE_P(
         Corruption{"ObjectKind", [](auto& b) { Put32(b, 56, 7); }, "object kind"},
         Corruption{"DescriptorTooLong", [](auto& b) { Put32(b, 60, IPC_MAX_DESCRIPTOR_UNITS + 1); }, "too long"},
         Corruption{"DescriptorPastBody", [](auto& b) { Put32(b, 60, 200); }, "cut short"},
+        Corruption{"DescriptorPadding", [](auto& b) { b[56 + 16 + 22] = 1; }, "padding"},
+        Corruption{"DataPadding", [](auto& b) { b[b.size() - 1] = 1; }, "padding"},
         Corruption{"RawWithoutDescriptor", [](auto& b) { Put32(b, 36, 0); }, "more raw items"},
-        Corruption{"RawPastLimit", [](auto& b) { Put32(b, 40 + 16 + 36 + 16 + 4, 0x7FFFFFFF); }, "past the limit"},
+        Corruption{"RawPastLimit", [](auto& b) { Put32(b, 40 + 16 + 40 + 16 + 4, 0x7FFFFFFF); }, "past the limit"},
         Corruption{"TrailingBytes",
                    [](auto& b) {
                        Put32(b, 32, static_cast<uint32_t>(b.size() - IPC_FRAME_HEADER_SIZE + 4));

@@ -264,7 +264,7 @@ TEST_F(AppHelperTest, LargeRawDataReplyArrivesIntact)
     MessageParcel data;
     MessageParcel reply;
     data.WriteUint32(SIZE);
-    ASSERT_EQ(Call(callback_, BIG, data, reply), ERR_NONE);
+    ASSERT_EQ(Call(callback_, BIG, data, reply, 60), ERR_NONE);  // sanitizer builds fill 64 MiB slowly
     const auto* bytes = static_cast<const uint8_t*>(reply.ReadRawData(SIZE));
     ASSERT_NE(bytes, nullptr);
     size_t mismatches = 0;
