@@ -476,8 +476,19 @@ int main(int argc, char** argv)
     CLI::App* unpair = app.add_subcommand("unpair", "Forget a paired device");
     unpair->add_option("device", unpairDevice, "The device's name or id")->required();
 
+    CLI::App* diagnostics = app.add_subcommand("diagnostics", "Print tandrad's live counts as JSON (for support)");
+
     CLI11_PARSE(app, argc, argv);
 
+    if (diagnostics->parsed()) {
+        int status = 0;
+        auto connection = Connect(socketPath, &status);
+        if (!connection) {
+            return status;
+        }
+        std::printf("%s\n", connection->devices->Diagnostics().c_str());
+        return 0;
+    }
     if (devices->parsed()) {
         return RunDevices(socketPath, devicesJson);
     }

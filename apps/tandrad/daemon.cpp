@@ -7,7 +7,12 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <json/json.h>
+
+#include "collaboration_sessions.h"
 #include "device_context.h"
+#include "ipc_stats.h"
+#include "vex_clock.h"
 #include "ipc_skeleton.h"
 #include "plugin_loader.h"
 #include "process_registry.h"
@@ -72,6 +77,9 @@ int Daemon::Start(std::string* error)
 {
     started_ = true;
     Vex::SetLogLevel(config_.verbose ? Vex::LOG_DEBUG : Vex::LOG_INFO);
+    if (config_.clockSpeedup > 1.0) {
+        Vex::Clock::UseScaledTime(config_.clockSpeedup);
+    }
     if (!MakeFolder(config_.stateDir, 0700, error)) {
         *error = "state folder: " + *error + " (or pass --state-dir)";
         return 1;
@@ -134,6 +142,7 @@ int Daemon::Start(std::string* error)
     hostService_ = new DaemonHostService(meshline_, *apps_);
     deviceService_ = new DeviceServiceImpl(*bus_, *apps_, config_.discoveryPort != 0, config_.staticPeers);
     bundleMgr_ = new DaemonBundleMgr(*apps_);
+    deviceService_->SetDiagnosticsSource([this]() { return Diagnostics(); });
     auto manager = Vex::SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     manager->AddSystemAbility(TANDRA_SA_ID, hostService_);
     manager->AddSystemAbility(TANDRA_DEVICE_SA_ID, deviceService_);
@@ -213,6 +222,27 @@ void Daemon::Stop()
         manager->RemoveSystemAbility(Vex::BUNDLE_MGR_SERVICE_SYS_ABILITY_ID);
     }
     Vex::SetSysEventSink(nullptr);
+}
+
+std::string Daemon::Diagnostics()
+{
+    Json::Value counts(Json::objectValue);
+    const Vex::IpcStats ipc = Vex::GetIpcStats();
+    counts["ipc_connections"] = static_cast<Json::UInt64>(ipc.connections);
+    counts["ipc_exported_handles"] = static_cast<Json::UInt64>(ipc.exportedHandles);
+    counts["ipc_proxy_handles"] = static_cast<Json::UInt64>(ipc.proxyHandles);
+    counts["apps"] = static_cast<Json::UInt64>(apps_->Count());
+    counts["timed_waits"] = static_cast<Json::UInt64>(Vex::Clock::WaitingCount());
+    counts["incoming_sessions"] = static_cast<Json::UInt64>(DeviceContext::Get().Sessions().ActiveIncomingCount());
+    counts["meshline_tasks"] = static_cast<Json::UInt64>(meshline_->ActiveTaskCount());
+    counts["meshline_subscribers"] = static_cast<Json::UInt64>(meshline_->SubscriberCount());
+    counts["meshline_callbacks"] = static_cast<Json::UInt64>(meshline_->CallbackCount());
+    counts["children"] = static_cast<Json::UInt64>(launcher_->RunningChildren().size());
+    counts["tracked_collaborations"] = static_cast<Json::UInt64>(hostService_->TrackedCollaborations());
+    counts["pool_busy"] = DeviceContext::Get().Pool().WaitIdle(std::chrono::milliseconds(0)) ? 0 : 1;
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, counts);
 }
 
 void Daemon::OnPeerLinked(const std::string& networkId)

@@ -39,6 +39,9 @@ public:
     void OnWifiStateChanged(bool active) override;
     void OnPairingRequested(const KnownDevice& device, const std::string& code) override;
 
+    // The live counts that leak checks and support look at, as one JSON object.
+    std::string Diagnostics();
+
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 

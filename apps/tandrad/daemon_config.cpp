@@ -100,6 +100,10 @@ int ParseDaemonConfig(int argc, char** argv, DaemonConfig& config, std::string* 
     app.add_flag("--trust-on-first-use", config.trustOnFirstUse,
                  "Trust a device the first time it links, without pairing (demos and tests only)");
     app.add_flag("-v,--verbose", config.verbose, "Log debug lines too");
+    app.add_option("--clock-speedup", config.clockSpeedup,
+                   "Testing only: run every timed wait of the host and the plugin this many times faster "
+                   "(the 180-second wait for a peer then takes 180/N seconds)")
+        ->check(CLI::Range(1.0, 10000.0));
 
     try {
         app.parse(argc, argv);

@@ -26,6 +26,7 @@ struct DaemonConfig {
     std::string interfaceName;       // the network interface carrying the links ("Wi-Fi")
     bool trustOnFirstUse = false;
     bool verbose = false;
+    double clockSpeedup = 1.0;       // testing: every timed wait of host and plugin runs this much faster
 };
 
 // 0 with config filled; otherwise the process exit status to use (0 after --help) with the

@@ -139,3 +139,14 @@ PairingAnswer DeviceServiceImpl::Unpair(const std::string& device)
 
 }  // namespace Tandra
 }  // namespace QUEX
+
+namespace QUEX {
+namespace Tandra {
+
+std::string DeviceServiceImpl::Diagnostics()
+{
+    return diagnostics_ ? diagnostics_() : "{}";
+}
+
+}  // namespace Tandra
+}  // namespace QUEX

@@ -5,6 +5,8 @@
 // safe for that.
 #pragma once
 
+#include <functional>
+
 #include "app_registry.h"
 #include "device_service.h"
 #include "net_soft_bus.h"
@@ -26,6 +28,9 @@ public:
     PairingAnswer Pair(const std::string& device) override;
     PairingAnswer ConfirmPair(const std::string& device, bool accept) override;
     PairingAnswer Unpair(const std::string& device) override;
+    std::string Diagnostics() override;
+    // What Diagnostics reports beyond the link and the apps; set once by the daemon.
+    void SetDiagnosticsSource(std::function<std::string()> source) { diagnostics_ = std::move(source); }
 
 private:
     DeviceEntry SelfEntry();
@@ -37,6 +42,7 @@ private:
     AppRegistry& apps_;
     const bool discoveryOn_;
     const std::vector<std::string> staticPeers_;
+    std::function<std::string()> diagnostics_;
 };
 
 // The ability type of a camera: a peer offering it can take photos for us.

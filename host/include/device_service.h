@@ -11,6 +11,8 @@
 //   PAIR            String device              -> Int32 result, String code, String message
 //   CONFIRM_PAIR    String device, Bool accept -> Int32 result, String code, String message
 //   UNPAIR          String device              -> Int32 result, String message
+//   DIAGNOSTICS                                -> Int32 result, String JSON object of the host's
+//                                                 live counts (for leak checks and support)
 //   DeviceEntry: String networkId, String udid, String name, Uint32 type, Bool trusted,
 //                Bool linked, Bool hasCamera, String address, String foundBy, String pairingCode
 // Thread-safety: the proxy may be used from any thread; the stub's operations are called on
@@ -77,6 +79,7 @@ public:
         PAIR = 4,
         CONFIRM_PAIR = 5,
         UNPAIR = 6,
+        DIAGNOSTICS = 7,
     };
 
     virtual AppRegistration RegisterApp(bool foreground) = 0;
@@ -87,6 +90,8 @@ public:
     // The user's confirmation (or refusal) that both devices show the same code.
     virtual PairingAnswer ConfirmPair(const std::string& device, bool accept) = 0;
     virtual PairingAnswer Unpair(const std::string& device) = 0;
+    // The host's live counts as one JSON object: sessions, waits, tasks, handles, children...
+    virtual std::string Diagnostics() = 0;
 };
 
 class DeviceServiceProxy : public Vex::IRemoteProxy<IDeviceService> {
@@ -99,6 +104,7 @@ public:
     PairingAnswer Pair(const std::string& device) override;
     PairingAnswer ConfirmPair(const std::string& device, bool accept) override;
     PairingAnswer Unpair(const std::string& device) override;
+    std::string Diagnostics() override;
 };
 
 class DeviceServiceStub : public Vex::IRemoteStub<IDeviceService> {

@@ -150,6 +150,17 @@ PairingAnswer DeviceServiceProxy::Unpair(const std::string& device)
     return CallPairing(Remote(), UNPAIR, device, nullptr);
 }
 
+std::string DeviceServiceProxy::Diagnostics()
+{
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(GetDescriptor());
+    if (Call(Remote(), DIAGNOSTICS, data, reply) != 0) {
+        return "";
+    }
+    return reply.ReadString();
+}
+
 int DeviceServiceStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply,
                                        MessageOption& option)
 {
@@ -203,6 +214,10 @@ int DeviceServiceStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Messa
             reply.WriteString(answer.message);
             return Vex::ERR_NONE;
         }
+        case DIAGNOSTICS:
+            reply.WriteInt32(0);
+            reply.WriteString(Diagnostics());
+            return Vex::ERR_NONE;
         default:
             return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
     }
