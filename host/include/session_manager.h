@@ -41,6 +41,8 @@ public:
                                                                const SessionAttribute& attr);
     // Whether the control session still exists.
     static bool GetCollaborationSession(int32_t sessionId);
+    // Data-message bytes received from the peer so far, counted while they arrive.
+    static uint64_t DataBytesReceived(const std::string& peerNetworkId);
 };
 
 }  // namespace Tandra
