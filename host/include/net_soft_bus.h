@@ -83,6 +83,10 @@ public:
     void SetLinkObserver(LinkObserver* observer);
     // Traffic of the link to a peer (zeros when none); for tests and benchmarks.
     NetLinkStats GetLinkStats(const std::string& networkId);
+    uint64_t DataBytesReceived(const std::string& peerNetworkId) override
+    {
+        return GetLinkStats(peerNetworkId).dataBytesIn;
+    }
 
     // SoftBus
     void SetListener(SoftBusListener* listener) override;

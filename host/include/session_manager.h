@@ -45,6 +45,8 @@ public:
     // The name and peer of a control session a peer opened towards this device, known from its
     // opening (while its commands execute) until its commands are released; false otherwise.
     static bool GetIncomingSession(int32_t sessionId, CtrlSessionInfo& info);
+    // Data-message bytes received from the peer so far, counted while they arrive.
+    static uint64_t DataBytesReceived(const std::string& peerNetworkId);
 };
 
 }  // namespace Tandra

@@ -91,6 +91,10 @@ public:
     // ctrlSessionId is this device's id of the control session the message belongs to.
     virtual int32_t SendDataMessage(int32_t channelId, int32_t ctrlSessionId, const char* data, uint32_t len,
                                     uint32_t type, bool isFirst) = 0;
+    // Bytes of data messages received from the peer so far, counted while each one arrives, so
+    // that a long message shows progress before it is complete. Only changes matter (a new
+    // connection may start over); 0 where the transport does not count.
+    virtual uint64_t DataBytesReceived(const std::string& /*peerNetworkId*/) { return 0; }
 };
 
 }  // namespace Tandra

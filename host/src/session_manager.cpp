@@ -78,5 +78,11 @@ bool SessionManager::GetCollaborationSession(int32_t sessionId)
     return env->GetSoftBus().HasCtrlSession(sessionId);
 }
 
+uint64_t SessionManager::DataBytesReceived(const std::string& peerNetworkId)
+{
+    std::shared_ptr<DeviceEnv> env = DeviceContext::Get().Env();
+    return env->GetSoftBus().DataBytesReceived(peerNetworkId);
+}
+
 }  // namespace Tandra
 }  // namespace QUEX

@@ -161,6 +161,31 @@ TEST_F(ReceiveTest, PhotoWaitRefreshedByEveryPhotoThenTimesOut)
     EXPECT_EQ(calls[3].text, "errorcode");  // 2010 (photo data stopped) while receiving
 }
 
+// A photo that takes longer than the wait to cross a slow link is not lost: a period in which
+// its bytes kept arriving grants another; a period without any ends the wait.
+TEST_F(ReceiveTest, PhotoWaitLastsWhileAPhotosBytesArrive)
+{
+    LogWaiter log;
+    const int32_t sessionId = StartCollaboration(32);
+    const auto start = Clock::Now();
+    device_.Peer().SendOnSession(sessionId, CameraMessage(CODE_PHOTO_COUNT, 1));
+    ASSERT_TRUE(Clock::AwaitWaiters(1));
+    for (int period = 0; period < 2; ++period) {
+        Clock::Advance(5s);
+        env_->bus_.received += 1 << 20;
+        Clock::Advance(5s);
+        ASSERT_TRUE(log.Recorder<std::string>::Await(
+            [](const std::string& line) { return line.find("photo bytes still arriving") != std::string::npos; },
+            static_cast<size_t>(period + 1)));
+        ASSERT_TRUE(Clock::AwaitWaiters(1));
+    }
+    Clock::Advance(9999ms);
+    EXPECT_FALSE(app_->Await(1, 1001202009, 0ms));
+    Clock::Advance(1ms);
+    ASSERT_TRUE(app_->Await(1, 1001202009));
+    EXPECT_EQ(Clock::Now() - start, 30s);
+}
+
 // The serving side waits up to 10 s for its data channel; simulated time stands still, so
 // anything but an immediate answer where one is due would hang.
 TEST_F(ReceiveTest, QueryDataChannelAnswersAtOnceWakesEarlyOrTimesOut)

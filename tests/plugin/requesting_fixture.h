@@ -8,6 +8,7 @@
 // fixture belongs to the test's thread.
 #pragma once
 
+#include <atomic>
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -259,6 +260,10 @@ public:
     {
         return target_.SendDataMessage(channelId, ctrlSessionId, data, len, type, isFirst);
     }
+    uint64_t DataBytesReceived(const std::string&) override { return received.load(); }
+
+    // What DataBytesReceived answers: a test moves it to show a message arriving.
+    std::atomic<uint64_t> received{0};
 
 private:
     SoftBus& target_;

@@ -144,6 +144,8 @@ public:
     int32_t GetTimeoutWaitCode(uint32_t collaborationId, uint32_t code, uint32_t seconds,
                                const std::shared_ptr<Pending<int32_t>>& pending);
     static uint32_t GetErrorCode(uint32_t status, uint32_t code);
+    // The peer of a collaboration on the requesting side; empty when it is not registered.
+    std::string PeerNetworkIdOf(uint32_t collaborationId);
     void Releaselock();
 
     // ---- framing and sending (camera_ability_transfer.cpp) ----

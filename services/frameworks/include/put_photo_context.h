@@ -66,14 +66,19 @@ struct PhotoParam {
     static constexpr uint32_t REQUEST_REMOTE_CANCEL = 2;
 
     explicit PhotoParam(uint32_t requestType) : requestType(requestType) {}
-    // Replaces (and frees) the previous buffer.
-    void SetBuffer(std::unique_ptr<char[]> newBuffer) { buffer = std::move(newBuffer); }
+    // Replaces (and frees) the previous buffer; capacity is the new one's size in bytes.
+    void SetBuffer(std::unique_ptr<char[]> newBuffer, uint32_t newCapacity = 0)
+    {
+        buffer = std::move(newBuffer);
+        capacity = buffer != nullptr ? newCapacity : 0;
+    }
 
     uint32_t requestType;
     uint32_t code = 0;
     uint32_t photoLength = 0;
     uint32_t totalLength = 0;
     std::unique_ptr<char[]> buffer;  // header (8 bytes) then the file content
+    uint32_t capacity = 0;           // bytes the buffer holds; later photos of a batch reuse it
 };
 
 }  // namespace Tandra

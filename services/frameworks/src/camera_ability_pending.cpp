@@ -6,6 +6,7 @@
 #include "camera_ability_process.h"
 #include "camera_app_callback.h"
 #include "camera_result_codes.h"
+#include "session_manager.h"
 #include "tandra_dfx.h"
 #include "vex_log_tags.h"
 
@@ -96,7 +97,20 @@ int32_t CameraAbilityProcess::GetTimeoutWaitCode(uint32_t collaborationId, uint3
         ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
         return ERR_INVALID_PARAM;
     }
-    const int32_t status = pending->Start(static_cast<int32_t>(seconds)).first;
+    // A photo larger than a link can carry within the period is still on its way while its
+    // bytes arrive: the photo wait only ends when a whole period passes without any.
+    const std::string peer = code == CODE_LAST_PHOTO ? PeerNetworkIdOf(collaborationId) : std::string();
+    uint64_t received = peer.empty() ? 0 : SessionManager::DataBytesReceived(peer);
+    int32_t status = pending->Start(static_cast<int32_t>(seconds)).first;
+    while (status == PENDING_TIMEOUT && !peer.empty()) {
+        const uint64_t now = SessionManager::DataBytesReceived(peer);
+        if (now == received) {
+            break;
+        }
+        TNDR_SERVICE_LOGI("photo bytes still arriving (%{public}" PRIu64 " more), waiting on", now - received);
+        received = now;
+        status = pending->Start(static_cast<int32_t>(seconds)).first;
+    }
     if (status == ERR_INVALID_PARAM) {
         ProcessPhotoEventCommand(ERR_INVALID_PARAM, collaborationId, MSG_ERRORCODE);
     } else if (status == PENDING_TIMEOUT && code == CODE_PHOTO_COUNT) {
@@ -130,6 +144,12 @@ uint32_t CameraAbilityProcess::GetErrorCode(uint32_t status, uint32_t code)
             // Photos were already arriving: the transfer broke off.
             return status == CameraProcessState::STATUS_RECEIVING ? UI_TRANSFER_FAILED : UI_GENERAL;
     }
+}
+
+std::string CameraAbilityProcess::PeerNetworkIdOf(uint32_t collaborationId)
+{
+    std::shared_ptr<CameraProcessState> state = QueryCameraProcess(collaborationId);
+    return state != nullptr ? state->GetNetworId() : std::string();
 }
 
 void CameraAbilityProcess::Releaselock()

@@ -1,11 +1,13 @@
 // The put-image flow of the serving device: the camera application hands over its photos as
 // file descriptors, and a pool worker sends the count and then each photo on the data channel.
 // Copies of photo bytes: each file is read once, straight into the one buffer that goes on the
-// link (header in its first eight bytes); nothing here copies the bytes again.
+// link (header in its first eight bytes); nothing here copies the bytes again. The buffer is
+// the batch's: every photo after the first reuses it.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -220,32 +222,44 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
     }
     const uint32_t length = static_cast<uint32_t>(fileLength);
     const uint32_t totalLength = length + CAMERA_MSG_HEADER_LEN;
-    // The previous photo's buffer goes first, so that at most one photo is held at a time.
-    param->SetBuffer(nullptr);
-    // Not value-initialised: zeroing megabytes that the read overwrites at once is wasted
-    // work. The header and any unread tail are zeroed below.
-    std::unique_ptr<char[]> buffer(new (std::nothrow) char[totalLength]);
-    if (buffer == nullptr) {
+    // The batch's photos share one buffer: a fresh one costs a page fault per page, far more
+    // than the read into it. A larger photo replaces it, the previous one going first so that
+    // at most one photo is held at a time. Not value-initialised: the read overwrites it.
+    if (param->buffer == nullptr || param->capacity < totalLength) {
+        param->SetBuffer(nullptr);
+        param->SetBuffer(std::unique_ptr<char[]>(new (std::nothrow) char[totalLength]), totalLength);
+    }
+    if (param->buffer == nullptr) {
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
         TNDR_SERVICE_LOGE("new buffer failed of length = %{public}u", totalLength);
         return ERR_PHOTO_FILE;
     }
-    std::memset(buffer.get(), 0, CAMERA_MSG_HEADER_LEN);
-    lseek(photoFd, 0, SEEK_SET);
-    ssize_t inLen = read(photoFd, buffer.get() + CAMERA_MSG_HEADER_LEN, length);
-    TNDR_SERVICE_LOGI("inLen = %{public}d", static_cast<int32_t>(inLen));
-    if (inLen <= 0) {
+    char* buffer = param->buffer.get();
+    std::memset(buffer, 0, CAMERA_MSG_HEADER_LEN);
+    // Regular files may still return less than asked (a signal, a file system's own limit).
+    size_t inLen = 0;
+    while (inLen < length) {
+        ssize_t n = pread(photoFd, buffer + CAMERA_MSG_HEADER_LEN + inLen, length - inLen, static_cast<off_t>(inLen));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        inLen += static_cast<size_t>(n);
+    }
+    TNDR_SERVICE_LOGI("inLen = %{public}zu", inLen);
+    if (inLen == 0) {
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
-        TNDR_SERVICE_LOGE("read photo faild inLen = %{public}d", static_cast<int32_t>(inLen));
+        TNDR_SERVICE_LOGE("read photo failed, errno = %{public}d", errno);
         return ERR_PHOTO_FILE;
     }
-    // A short read still sends the announced length; the receiver expects size + 8 bytes.
-    if (static_cast<uint32_t>(inLen) < length) {
-        std::memset(buffer.get() + CAMERA_MSG_HEADER_LEN + inLen, 0, length - static_cast<uint32_t>(inLen));
+    // A file that shrank still sends the announced length; the receiver expects size + 8 bytes.
+    if (inLen < length) {
+        std::memset(buffer + CAMERA_MSG_HEADER_LEN + inLen, 0, length - inLen);
     }
 
     param->code = imageSeq == photoCount - 1 ? CODE_LAST_PHOTO : CODE_PHOTO;
-    param->SetBuffer(std::move(buffer));
     param->photoLength = length;
     param->totalLength = totalLength;
     return ProcessSendPhoto(context, param, imageSeq == 0);
