@@ -168,6 +168,7 @@ struct NetSoftBus::Impl {
         bool dialing = false;
         Clock::time_point lastDial{};
         Clock::time_point lastHeartbeat{};
+        Clock::time_point ctrlSince{};
         // Pairing.
         std::shared_ptr<NetConnection> pairConn;
         int pairLocal = 0;   // 1 accepted, -1 declined
@@ -471,6 +472,7 @@ struct NetSoftBus::Impl {
             TearDown(peer, "replaced by a new connection");
         }
         peer->ctrl = conn;
+        peer->ctrlSince = Clock::now();
         info.state = ConnState::CONTROL;
         SendAbilities(conn);
         if (peer->pendingData) {
@@ -1094,6 +1096,9 @@ struct NetSoftBus::Impl {
                 if (now - last >= silenceLimit) {
                     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - last).count();
                     TearDown(peer, "nothing heard for " + std::to_string(ms) + " ms");
+                } else if (!peer->linked && now - peer->ctrlSince >= 2 * cfg.linkTimeout) {
+                    // The data connection never came: start over rather than stay half linked.
+                    TearDown(peer, "the data connection did not come up");
                 }
             }
             if (wifiUp && !peer->ctrl && !peer->dialing && !peer->address.empty() && peer->port != 0 &&
