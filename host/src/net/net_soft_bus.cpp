@@ -570,9 +570,19 @@ struct NetSoftBus::Impl {
         }
     }
 
+    // Dial attempts start on the I/O thread, which owns every socket and resolver.
     void Dial(const std::shared_ptr<DialPlan>& plan)
     {
+        asio::post(io, [this, plan] {
+            std::lock_guard<std::mutex> lock(mu);
+            DialNow(plan);
+        });
+    }
+
+    void DialNow(const std::shared_ptr<DialPlan>& plan)
+    {
         if (stopping) {
+            ClearDialing(plan, "this device stops");
             return;
         }
         uint64_t id = nextDial++;
@@ -1394,15 +1404,18 @@ void NetSoftBus::Stop()
         for (auto& entry : d.conns) {
             entry.second.conn->Close("this device stops");
         }
-        for (auto& entry : d.dials) {
-            asio::error_code ignored;
-            entry.second.resolver->cancel();
-            entry.second.socket->close(ignored);
-            entry.second.timer->cancel();
-        }
     }
+    // Sockets, resolvers and timers belong to the I/O thread: closed there.
     asio::post(d.io, [&d] {
         asio::error_code ignored;
+        {
+            std::lock_guard<std::mutex> lock(d.mu);
+            for (auto& entry : d.dials) {
+                entry.second.resolver->cancel();
+                entry.second.socket->close(ignored);
+                entry.second.timer->cancel();
+            }
+        }
         d.acceptor.close(ignored);
         d.udpSocket.close(ignored);
         d.tick.cancel();
