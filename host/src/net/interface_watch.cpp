@@ -79,8 +79,12 @@ void InterfaceWatch::Handle(size_t len)
 {
     bool seen = false;
     bool up = up_.load();
-    int remaining = static_cast<int>(len);
-    for (auto* h = reinterpret_cast<struct nlmsghdr*>(buffer_); NLMSG_OK(h, remaining); h = NLMSG_NEXT(h, remaining)) {
+    for (size_t offset = 0; offset + sizeof(struct nlmsghdr) <= len;) {
+        auto* h = reinterpret_cast<struct nlmsghdr*>(buffer_ + offset);
+        if (h->nlmsg_len < sizeof(struct nlmsghdr) || h->nlmsg_len > len - offset) {
+            break;
+        }
+        offset += NLMSG_ALIGN(h->nlmsg_len);
         if (h->nlmsg_type != RTM_NEWLINK && h->nlmsg_type != RTM_DELLINK) {
             continue;
         }

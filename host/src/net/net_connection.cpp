@@ -324,7 +324,7 @@ void NetConnection::CloseWhenSent(const std::string& reason)
     Enqueue(std::move(item));
 }
 
-void NetConnection::CloseOnStrand(const std::string& reason)
+void NetConnection::CloseOnStrand(std::string reason)
 {
     if (closed_) {
         return;

@@ -101,7 +101,7 @@ private:
     void ReadBody(const FrameHeader& header);
     void Enqueue(std::unique_ptr<TxItem> item);
     void WriteNext();
-    void CloseOnStrand(const std::string& reason);
+    void CloseOnStrand(std::string reason);  // by value: the queue it clears may hold it
     void Touch();
     std::unique_ptr<char[]> AcquireDataBuffer(size_t len, size_t* capacity);
     void ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t capacity);

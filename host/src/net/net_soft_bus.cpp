@@ -168,6 +168,7 @@ struct NetSoftBus::Impl {
         bool dialing = false;
         Clock::time_point lastDial{};
         Clock::time_point lastHeartbeat{};
+        Clock::time_point ctrlSince{};
         // Pairing.
         std::shared_ptr<NetConnection> pairConn;
         int pairLocal = 0;   // 1 accepted, -1 declined
@@ -471,6 +472,7 @@ struct NetSoftBus::Impl {
             TearDown(peer, "replaced by a new connection");
         }
         peer->ctrl = conn;
+        peer->ctrlSince = Clock::now();
         info.state = ConnState::CONTROL;
         SendAbilities(conn);
         if (peer->pendingData) {
@@ -568,9 +570,19 @@ struct NetSoftBus::Impl {
         }
     }
 
+    // Dial attempts start on the I/O thread, which owns every socket and resolver.
     void Dial(const std::shared_ptr<DialPlan>& plan)
     {
+        asio::post(io, [this, plan] {
+            std::lock_guard<std::mutex> lock(mu);
+            DialNow(plan);
+        });
+    }
+
+    void DialNow(const std::shared_ptr<DialPlan>& plan)
+    {
         if (stopping) {
+            ClearDialing(plan, "this device stops");
             return;
         }
         uint64_t id = nextDial++;
@@ -1094,6 +1106,9 @@ struct NetSoftBus::Impl {
                 if (now - last >= silenceLimit) {
                     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - last).count();
                     TearDown(peer, "nothing heard for " + std::to_string(ms) + " ms");
+                } else if (!peer->linked && now - peer->ctrlSince >= 2 * cfg.linkTimeout) {
+                    // The data connection never came: start over rather than stay half linked.
+                    TearDown(peer, "the data connection did not come up");
                 }
             }
             if (wifiUp && !peer->ctrl && !peer->dialing && !peer->address.empty() && peer->port != 0 &&
@@ -1390,15 +1405,18 @@ void NetSoftBus::Stop()
         for (auto& entry : d.conns) {
             entry.second.conn->Close("this device stops");
         }
-        for (auto& entry : d.dials) {
-            asio::error_code ignored;
-            entry.second.resolver->cancel();
-            entry.second.socket->close(ignored);
-            entry.second.timer->cancel();
-        }
     }
+    // Sockets, resolvers and timers belong to the I/O thread: closed there.
     asio::post(d.io, [&d] {
         asio::error_code ignored;
+        {
+            std::lock_guard<std::mutex> lock(d.mu);
+            for (auto& entry : d.dials) {
+                entry.second.resolver->cancel();
+                entry.second.socket->close(ignored);
+                entry.second.timer->cancel();
+            }
+        }
         d.acceptor.close(ignored);
         d.udpSocket.close(ignored);
         d.tick.cancel();

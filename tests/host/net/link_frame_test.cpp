@@ -31,6 +31,12 @@ struct HeaderRow {
     const char* error;  // "" when accepted
 };
 
+void PrintTo(const HeaderRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+
 class FrameHeaderTest : public ::testing::TestWithParam<HeaderRow> {};
 
 TEST_P(FrameHeaderTest, AcceptsOnlyWellFormedFramesAllowedOnTheConnection)

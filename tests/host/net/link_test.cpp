@@ -105,6 +105,12 @@ struct PairingRow {
     bool bAccepts;
 };
 
+void PrintTo(const PairingRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+
 class PairingTest : public LinkTest, public ::testing::WithParamInterface<PairingRow> {};
 
 TEST_P(PairingTest, UntrustedPeersAreRefusedUntilBothSidesConfirmTheSameCode)
@@ -439,6 +445,12 @@ struct BadPeerRow {
     std::string bytes;
     const char* logged;
 };
+
+void PrintTo(const BadPeerRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
 
 class BadPeerTest : public LinkTest, public ::testing::WithParamInterface<BadPeerRow> {};
 
