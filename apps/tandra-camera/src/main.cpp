@@ -208,6 +208,7 @@ int main(int argc, char** argv)
     uint32_t countdown = 3;
     std::string socketPath = Env("TANDRA_SOCKET").empty() ? DefaultSocketPath() : Env("TANDRA_SOCKET");
     bool neverSubscribe = false;
+    bool cancelAtOnce = false;
     app.add_option("--count,-n", count,
                    "Photos to take (default: the number the requesting device asked for, else 1; interactive: 0 for "
                    "no limit)");
@@ -230,6 +231,7 @@ int main(int argc, char** argv)
     app.add_option("--socket", socketPath, "Socket of this device's tandrad")->capture_default_str();
     app.add_flag("--never-subscribe", neverSubscribe,
                  "Testing: connect but never subscribe, so the requesting device waits until its time-out");
+    app.add_flag("--cancel", cancelAtOnce, "Cancel at once once subscribed, as a user pressing c would");
     app.footer("Exit status: 0 photos taken (and handed over), 2 bad arguments, 3 cancelled, 4 no photo source works,\n"
                "5 a photo could not be taken or saved, 6 the framework refused the photos, 7 tandrad cannot be reached.");
     CLI11_PARSE(app, argc, argv);
@@ -328,6 +330,11 @@ int main(int argc, char** argv)
         }
         std::cout << "Asked for " << count << " photo" << (count == 1 ? "" : "s") << " by the device "
                   << Env("TANDRA_REQUESTER_DEVICE_ID").substr(0, 16) << std::endl;
+    }
+    if (client && cancelAtOnce) {
+        int32_t result = client->RemoteCancel(caller, Client::CAMERA_STATUS_USER_CANCELLED);
+        std::cout << "Cancelled; the requesting device was told (" << result << ")." << std::endl;
+        return EXIT_CANCELLED;
     }
     if (!choice.source) {
         if (client) {

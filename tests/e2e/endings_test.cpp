@@ -1,0 +1,344 @@
+// The whole system under every way a collaboration ends: two daemons, tandra-photo and
+// tandra-camera as processes, generated photos. Each row is checked at the requesting
+// application (its exit status, its sentence, the photos it kept) and on both daemons
+// afterwards (no timed wait, incoming session, connection-manager task or subscription,
+// tracked collaboration or child left; descriptors and threads back near where they were).
+// The rows that need a real interface (Wi-Fi off, a cut link) run in network namespaces
+// joined through a bridge, as root; elsewhere they are reported as skipped. The test prints
+// the table of endings it ran.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+
+#include "device_processes.h"
+
+namespace QUEX::Tandra::ProcessTesting {
+namespace {
+
+size_t PhotosIn(const std::string& folder)
+{
+    size_t count = 0;
+    if (DIR* dir = opendir(folder.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            count += std::string(entry->d_name).rfind("photo-", 0) == 0 ? 1 : 0;
+        }
+        closedir(dir);
+    }
+    return count;
+}
+
+Json::Value Diagnostics(Device& device)
+{
+    Device::Result result = device.Photo({"diagnostics"}, 10s);
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::istringstream in(result.output.substr(result.output.find('{')));
+    Json::parseFromStream(builder, in, &value, &errors);
+    return value;
+}
+
+// What a daemon must be back to once every collaboration has ended.
+std::string Leftovers(Device& device)
+{
+    if (device.Daemon() == nullptr || !device.Daemon()->Running()) {
+        return "";
+    }
+    Json::Value counts = Diagnostics(device);
+    std::string left;
+    for (const char* key : {"timed_waits", "incoming_sessions", "meshline_tasks", "meshline_subscribers",
+                            "tracked_collaborations", "children", "pool_busy"}) {
+        if (counts[key].asUInt64() != 0) {
+            left += std::string(key) + "=" + std::to_string(counts[key].asUInt64()) + " ";
+        }
+    }
+    return left;
+}
+
+// The network namespaces of a row that needs a real interface: A and B each reach a bridge
+// in a middle namespace through a veth pair named "wlan0" on their side.
+class Namespaces {
+public:
+    Namespaces()
+    {
+        const std::string id = std::to_string(getpid());
+        a_ = "tde2e-a-" + id;
+        b_ = "tde2e-b-" + id;
+        m_ = "tde2e-m-" + id;
+        ok_ = Run("ip netns add " + a_) && Run("ip netns add " + b_) && Run("ip netns add " + m_) &&
+              Run("ip -n " + m_ + " link add br0 type bridge") && Run("ip -n " + m_ + " link set br0 up") &&
+              Side(a_, "a", "10.78.0.1") && Side(b_, "b", "10.78.0.2");
+    }
+    ~Namespaces()
+    {
+        for (const std::string& ns : {a_, b_, m_}) {
+            Run("ip netns del " + ns + " 2>/dev/null");
+        }
+    }
+    bool Ok() const { return ok_; }
+    std::string Runner(bool a) const { return "ip netns exec " + (a ? a_ : b_); }
+    bool WifiOff(bool a) { return Run("ip -n " + (a ? a_ : b_) + " link set wlan0 down"); }
+    bool CutLink() { return Run("ip -n " + m_ + " link set port-b" + " down"); }
+
+private:
+    static bool Run(const std::string& command) { return std::system(command.c_str()) == 0; }
+    bool Side(const std::string& ns, const std::string& side, const std::string& address)
+    {
+        const std::string veth = "tde2e" + side + std::to_string(getpid() % 100000);
+        return Run("ip link add " + veth + " type veth peer name port-" + side + "x") &&
+               Run("ip link set " + veth + " netns " + ns) && Run("ip link set port-" + side + "x netns " + m_) &&
+               Run("ip -n " + m_ + " link set port-" + side + "x name port-" + side) &&
+               Run("ip -n " + m_ + " link set port-" + side + " master br0 up") &&
+               Run("ip -n " + ns + " link set " + veth + " name wlan0") &&
+               Run("ip -n " + ns + " addr add " + address + "/24 dev wlan0") &&
+               Run("ip -n " + ns + " link set wlan0 up") && Run("ip -n " + ns + " link set lo up");
+    }
+    std::string a_, b_, m_;
+    bool ok_ = false;
+};
+
+bool CanUseNamespaces()
+{
+    return getuid() == 0 && std::system("ip netns list >/dev/null 2>&1") == 0;
+}
+
+struct Setup {
+    std::unique_ptr<Namespaces> namespaces;
+    std::unique_ptr<Device> a, b;
+};
+
+// Two linked devices: on the loopback, or in namespaces when the row needs them.
+bool StartDevices(Setup& setup, const std::vector<std::string>& cameraArgs, bool inNamespaces,
+                  const std::vector<std::string>& daemonArgs, std::string* why)
+{
+    DeviceOptions a;
+    DeviceOptions b;
+    a.name = "A";
+    b.name = "B";
+    b.cameraArgs = cameraArgs;
+    a.extraArgs = b.extraArgs = daemonArgs;
+    if (inNamespaces) {
+        setup.namespaces = std::make_unique<Namespaces>();
+        if (!setup.namespaces->Ok()) {
+            *why = "could not build the network namespaces";
+            return false;
+        }
+        a.runner = setup.namespaces->Runner(true);
+        b.runner = setup.namespaces->Runner(false);
+        a.port = b.port = 47820;
+        a.bindAddress = "10.78.0.1";
+        b.bindAddress = "10.78.0.2";
+        a.interfaceName = b.interfaceName = "wlan0";
+        a.peers = {"10.78.0.2:47820"};
+        b.peers = {"10.78.0.1:47820"};
+    } else {
+        a.port = FreePort();
+        b.port = FreePort();
+        a.peers = {"127.0.0.1:" + std::to_string(b.port)};
+        b.peers = {"127.0.0.1:" + std::to_string(a.port)};
+    }
+    setup.a = std::make_unique<Device>(a);
+    setup.b = std::make_unique<Device>(b);
+    if (!setup.a->Start(why) || !setup.b->Start(why)) {
+        return false;
+    }
+    if (!WaitUntil([&]() {
+            return setup.a->Photo({"devices", "--json"}).output.find("\"camera\":true") != std::string::npos;
+        })) {
+        *why = "A never saw B's camera:\n" + setup.a->Log() + setup.b->Log();
+        return false;
+    }
+    return true;
+}
+
+bool CameraSubscribed(Device& b)
+{
+    return WaitUntil([&]() { return b.Log().find("Photo source:") != std::string::npos; });
+}
+
+bool FirstPhotoSaved(ChildProcess& photo)
+{
+    return WaitUntil([&]() { return photo.Output().find("Saved photo 1") != std::string::npos; });
+}
+
+struct Row {
+    std::string name;
+    std::vector<std::string> cameraArgs;
+    std::vector<std::string> takeArgs;
+    std::function<void(Setup&, ChildProcess& photo)> act;  // once the collaboration runs
+    int exitStatus;          // of tandra-photo; -1: it was killed, not checked
+    std::string sentence;    // in its output
+    int photos;              // photos it kept; -1: any
+    bool inNamespaces = false;
+    std::vector<std::string> daemonArgs = {};
+    bool checkA = true, checkB = true;  // a daemon the row kills is not checked
+};
+
+const std::vector<std::string> SLOW_CAMERA = {"--countdown", "20", "--source", "generated"};
+const std::vector<std::string> QUICK_CAMERA = {"--countdown", "0", "--source", "generated"};
+// Large photos keep the transfer going long enough to act in the middle of it.
+const std::vector<std::string> BIG_PHOTOS = {"--countdown", "0", "--source", "generated", "--target-size", "48MiB"};
+
+std::vector<Row> Rows()
+{
+    auto waitSubscribed = [](Setup& setup, ChildProcess&) { ASSERT_TRUE(CameraSubscribed(*setup.b)); };
+    std::vector<Row> rows = {
+        {"finish, 1 photo", QUICK_CAMERA, {"--count", "1"}, nullptr, 0, "Finished: 1 photo saved", 1},
+        {"finish, 5 photos", QUICK_CAMERA, {"--count", "5"}, nullptr, 0, "Finished: 5 photos saved", 5},
+        {"finish, 30 photos", QUICK_CAMERA, {"--count", "30"}, nullptr, 0, "Finished: 30 photos saved", 30},
+        {"cancel from the requesting app", SLOW_CAMERA, {"--count", "3"},
+         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); p.Signal(SIGINT); }, 130, "You cancelled", 0},
+        {"cancel from the camera app", {"--source", "generated", "--cancel"}, {"--count", "3"}, nullptr, 15,
+         "ended the collaboration before sending any photo", 0},
+        {"requesting app killed mid-transfer", BIG_PHOTOS, {"--count", "4"},
+         [](Setup&, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); p.Signal(SIGKILL); }, -1, "", -1},
+        {"camera app killed", SLOW_CAMERA, {"--count", "3"},
+         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); kill(s.b->CameraPids().back(), SIGKILL); }, 16,
+         "camera app failed", 0},
+        {"serving daemon killed mid-transfer", BIG_PHOTOS, {"--count", "4"},
+         [](Setup& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); s.b->Kill(); }, 19,
+         "connection to the other device was lost", -1, false, {}, true, false},
+        {"requesting daemon killed", SLOW_CAMERA, {"--count", "3"},
+         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); s.a->Kill(); }, 21, "service on this device", 0,
+         false, {}, false, true},
+        {"peer never answers (camera never subscribes)", {"--never-subscribe"}, {"--count", "1"}, nullptr, 14,
+         "did not answer", 0, false, {"--clock-speedup", "60"}},
+        {"link cut mid-photo", BIG_PHOTOS, {"--count", "4"},
+         [](Setup& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); ASSERT_TRUE(s.namespaces->CutLink()); },
+         19, "connection to the other device was lost", -1, true},
+        {"Wi-Fi off on the requesting side", SLOW_CAMERA, {"--count", "3"},
+         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(true)); }, 11,
+         "Wi-Fi is off on this device", 0, true},
+        {"Wi-Fi off on the serving side", SLOW_CAMERA, {"--count", "3"},
+         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(false)); }, 19,
+         "", 0, true},
+    };
+    return rows;
+}
+
+struct Outcome {
+    std::string status;
+    std::string photos;
+    std::string leftovers;
+    bool passed = false;
+};
+
+Outcome RunRow(const Row& row)
+{
+    Outcome outcome;
+    Setup setup;
+    std::string why;
+    if (!StartDevices(setup, row.cameraArgs, row.inNamespaces, row.daemonArgs, &why)) {
+        ADD_FAILURE() << row.name << ": " << why;
+        outcome.status = "no start";
+        return outcome;
+    }
+    TempDir out;
+    std::vector<std::string> args = {"take", "--device", "B", "--out", out.Path()};
+    args.insert(args.end(), row.takeArgs.begin(), row.takeArgs.end());
+    std::unique_ptr<ChildProcess> photo = setup.a->StartPhoto(args);
+    if (row.act) {
+        row.act(setup, *photo);
+    }
+    std::optional<int> status = photo->Wait(90s);
+    const std::string output = photo->Output();
+    outcome.status = status ? std::to_string(*status) : "hung";
+    outcome.photos = std::to_string(PhotosIn(out.Path()));
+    bool ok = status.has_value();
+    if (row.exitStatus >= 0) {
+        ok = ok && *status == row.exitStatus && output.find(row.sentence) != std::string::npos;
+    }
+    ok = ok && (row.photos < 0 || PhotosIn(out.Path()) == static_cast<size_t>(row.photos));
+    EXPECT_TRUE(ok) << row.name << ": exit " << outcome.status << ", " << outcome.photos << " photos\n"
+                    << output << "\n--- A\n" << setup.a->Log() << "\n--- B\n" << setup.b->Log();
+    // Both daemons settle back to nothing held for the collaboration.
+    std::string left;
+    WaitUntil([&]() {
+        left = (row.checkA ? Leftovers(*setup.a) : "") + (row.checkB ? Leftovers(*setup.b) : "");
+        return left.empty();
+    }, 30s);
+    outcome.leftovers = left.empty() ? "none" : left;
+    EXPECT_TRUE(left.empty()) << row.name << ": left behind: " << left;
+    outcome.passed = ok && left.empty();
+    return outcome;
+}
+
+TEST(EndToEnd, EndingsTable)
+{
+    const bool namespaces = CanUseNamespaces();
+    std::string table = "\n| ending | exit | photos kept | left on the daemons | result |\n|---|---|---|---|---|\n";
+    for (const Row& row : Rows()) {
+        if (row.inNamespaces && !namespaces) {
+            table += "| " + row.name + " | - | - | - | skipped: needs root and `ip netns` |\n";
+            continue;
+        }
+        Outcome outcome = RunRow(row);
+        table += "| " + row.name + " | " + outcome.status + " | " + outcome.photos + " | " + outcome.leftovers +
+                 " | " + (outcome.passed ? "ok" : "FAILED") + " |\n";
+    }
+    std::printf("%s\n", table.c_str());
+    std::fflush(stdout);
+}
+
+// Two requesting apps at once: the one in the foreground is served, the other refused.
+TEST(EndToEnd, TwoRequestingAppsOnlyTheForegroundOneIsServed)
+{
+    Setup setup;
+    std::string why;
+    ASSERT_TRUE(StartDevices(setup, {"--countdown", "2", "--source", "generated"}, false, {}, &why)) << why;
+    TempDir out1;
+    TempDir out2;
+    std::unique_ptr<ChildProcess> foreground =
+        setup.a->StartPhoto({"take", "--device", "B", "--count", "2", "--out", out1.Path()});
+    ASSERT_TRUE(WaitUntil([&]() { return foreground->Output().find("Link granted") != std::string::npos; }));
+    Device::Result background =
+        setup.a->Photo({"take", "--device", "B", "--count", "2", "--out", out2.Path(), "--background"});
+
+    EXPECT_EQ(background.status, 10) << background.output;
+    EXPECT_EQ(foreground->Wait(60s), 0) << foreground->Output();
+    EXPECT_EQ(PhotosIn(out1.Path()), 2u);
+    EXPECT_EQ(PhotosIn(out2.Path()), 0u);
+}
+
+// Soak: collaborations back to back leave the daemons' descriptors, threads and memory where
+// they were after the first.
+TEST(EndToEnd, SoakLeavesTheDaemonsWhereTheyStarted)
+{
+    Setup setup;
+    std::string why;
+    ASSERT_TRUE(StartDevices(setup, QUICK_CAMERA, false, {}, &why)) << why;
+    TempDir out;
+    ASSERT_EQ(setup.a->Photo({"take", "--device", "B", "--count", "1", "--out", out.Path()}).status, 0);
+    ASSERT_TRUE(WaitUntil([&]() { return Leftovers(*setup.a).empty() && Leftovers(*setup.b).empty(); }));
+    const ProcessFigures startA = FiguresOf(setup.a->Pid());
+    const ProcessFigures startB = FiguresOf(setup.b->Pid());
+    const int rounds = std::getenv("TANDRA_SOAK_ROUNDS") != nullptr ? std::atoi(std::getenv("TANDRA_SOAK_ROUNDS")) : 20;
+    for (int i = 0; i < rounds; ++i) {
+        Device::Result take = setup.a->Photo({"take", "--device", "B", "--count", "2", "--out", out.Path()});
+        ASSERT_EQ(take.status, 0) << "round " << i << "\n" << take.output;
+    }
+    ASSERT_TRUE(WaitUntil([&]() { return Leftovers(*setup.a).empty() && Leftovers(*setup.b).empty(); }))
+        << Leftovers(*setup.a) << Leftovers(*setup.b);
+    const ProcessFigures endA = FiguresOf(setup.a->Pid());
+    const ProcessFigures endB = FiguresOf(setup.b->Pid());
+    std::printf("\n| daemon | fds | threads | RSS KiB |\n|---|---|---|---|\n"
+                "| A before | %zu | %zu | %zu |\n| A after %d | %zu | %zu | %zu |\n"
+                "| B before | %zu | %zu | %zu |\n| B after %d | %zu | %zu | %zu |\n",
+                startA.fds, startA.threads, startA.rssKiB, rounds, endA.fds, endA.threads, endA.rssKiB, startB.fds,
+                startB.threads, startB.rssKiB, rounds, endB.fds, endB.threads, endB.rssKiB);
+    EXPECT_LE(endA.fds, startA.fds + 2);
+    EXPECT_LE(endB.fds, startB.fds + 2);
+    EXPECT_LE(endA.threads, startA.threads + 8);
+    EXPECT_LE(endB.threads, startB.threads + 8);
+    EXPECT_LE(endA.rssKiB, startA.rssKiB + 16 * 1024);
+    EXPECT_LE(endB.rssKiB, startB.rssKiB + 16 * 1024);
+    EXPECT_EQ(endB.children, 0u);
+}
+
+}  // namespace
+}  // namespace QUEX::Tandra::ProcessTesting
