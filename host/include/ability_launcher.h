@@ -21,6 +21,9 @@ public:
 
     // 0 when the ability was started, else the launcher's error.
     virtual int32_t StartAbility(int32_t collaborationSessionId, const StartAbilityParam& param) = 0;
+    // The collaboration of the session has been released: an ability still running for it
+    // serves nobody any more. Default: nothing.
+    virtual void OnSessionReleased(int32_t collaborationSessionId) { (void)collaborationSessionId; }
 };
 
 }  // namespace Tandra

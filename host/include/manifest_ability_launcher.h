@@ -92,6 +92,9 @@ public:
     // empty when the bundle has one ability of param's action). 0 when the child was started,
     // HOST_ERR_START_ABILITY when no manifest names it or the program could not be spawned.
     int32_t StartAbility(int32_t collaborationSessionId, const StartAbilityParam& param) override;
+    // A child started for the released session and still running (it never joined the
+    // collaboration, or ignored its end) is sent SIGTERM: nothing will ask it for photos again.
+    void OnSessionReleased(int32_t collaborationSessionId) override;
 
     void SetExitObserver(ExitObserver observer);
     std::vector<pid_t> RunningChildren() const;

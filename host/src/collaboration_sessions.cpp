@@ -168,6 +168,9 @@ void CollaborationSessions::ReleaseAll(const std::vector<std::shared_ptr<Command
         TNDR_HOST_LOGI("release a command of session %{public}d", sessionId);
         command->Release();
     }
+    if (!commands.empty()) {
+        DeviceContext::Get().Env()->GetLauncher().OnSessionReleased(sessionId);
+    }
 }
 
 }  // namespace Tandra

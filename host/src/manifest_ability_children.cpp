@@ -201,6 +201,18 @@ bool ManifestAbilityLauncher::WaitForNoChildren(std::chrono::milliseconds timeou
     return exited_.wait_for(lock, timeout, [this]() { return children_.empty() && reapers_.empty(); });
 }
 
+void ManifestAbilityLauncher::OnSessionReleased(int32_t collaborationSessionId)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [pid, child] : children_) {
+        if (child.collaborationSessionId == collaborationSessionId) {
+            TNDR_HOST_LOGI("session %{public}d released: ending %{public}s (pid %{public}d)", collaborationSessionId,
+                           child.bundleName.c_str(), pid);
+            kill(pid, SIGTERM);
+        }
+    }
+}
+
 void ManifestAbilityLauncher::TerminateAll(std::chrono::milliseconds grace)
 {
     {

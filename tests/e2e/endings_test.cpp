@@ -107,13 +107,13 @@ bool CanUseNamespaces()
     return getuid() == 0 && std::system("ip netns list >/dev/null 2>&1") == 0;
 }
 
-struct Setup {
+struct LinkedDevices {
     std::unique_ptr<Namespaces> namespaces;
     std::unique_ptr<Device> a, b;
 };
 
 // Two linked devices: on the loopback, or in namespaces when the row needs them.
-bool StartDevices(Setup& setup, const std::vector<std::string>& cameraArgs, bool inNamespaces,
+bool StartDevices(LinkedDevices& setup, const std::vector<std::string>& cameraArgs, bool inNamespaces,
                   const std::vector<std::string>& daemonArgs, std::string* why)
 {
     DeviceOptions a;
@@ -147,9 +147,7 @@ bool StartDevices(Setup& setup, const std::vector<std::string>& cameraArgs, bool
     if (!setup.a->Start(why) || !setup.b->Start(why)) {
         return false;
     }
-    if (!WaitUntil([&]() {
-            return setup.a->Photo({"devices", "--json"}).output.find("\"camera\":true") != std::string::npos;
-        })) {
+    if (!AwaitCamera(*setup.a, "B")) {
         *why = "A never saw B's camera:\n" + setup.a->Log() + setup.b->Log();
         return false;
     }
@@ -170,7 +168,7 @@ struct Row {
     std::string name;
     std::vector<std::string> cameraArgs;
     std::vector<std::string> takeArgs;
-    std::function<void(Setup&, ChildProcess& photo)> act;  // once the collaboration runs
+    std::function<void(LinkedDevices&, ChildProcess& photo)> act;  // once the collaboration runs
     int exitStatus;          // of tandra-photo; -1: it was killed, not checked
     std::string sentence;    // in its output
     int photos;              // photos it kept; -1: any
@@ -186,36 +184,36 @@ const std::vector<std::string> BIG_PHOTOS = {"--countdown", "0", "--source", "ge
 
 std::vector<Row> Rows()
 {
-    auto waitSubscribed = [](Setup& setup, ChildProcess&) { ASSERT_TRUE(CameraSubscribed(*setup.b)); };
+    auto waitSubscribed = [](LinkedDevices& setup, ChildProcess&) { ASSERT_TRUE(CameraSubscribed(*setup.b)); };
     std::vector<Row> rows = {
         {"finish, 1 photo", QUICK_CAMERA, {"--count", "1"}, nullptr, 0, "Finished: 1 photo saved", 1},
         {"finish, 5 photos", QUICK_CAMERA, {"--count", "5"}, nullptr, 0, "Finished: 5 photos saved", 5},
         {"finish, 30 photos", QUICK_CAMERA, {"--count", "30"}, nullptr, 0, "Finished: 30 photos saved", 30},
         {"cancel from the requesting app", SLOW_CAMERA, {"--count", "3"},
-         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); p.Signal(SIGINT); }, 130, "You cancelled", 0},
+         [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); p.Signal(SIGINT); }, 130, "You cancelled", 0},
         {"cancel from the camera app", {"--source", "generated", "--cancel"}, {"--count", "3"}, nullptr, 15,
          "ended the collaboration before sending any photo", 0},
         {"requesting app killed mid-transfer", BIG_PHOTOS, {"--count", "4"},
-         [](Setup&, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); p.Signal(SIGKILL); }, -1, "", -1},
+         [](LinkedDevices&, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); p.Signal(SIGKILL); }, -1, "", -1},
         {"camera app killed", SLOW_CAMERA, {"--count", "3"},
-         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); kill(s.b->CameraPids().back(), SIGKILL); }, 16,
+         [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); kill(s.b->CameraPids().back(), SIGKILL); }, 16,
          "camera app failed", 0},
         {"serving daemon killed mid-transfer", BIG_PHOTOS, {"--count", "4"},
-         [](Setup& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); s.b->Kill(); }, 19,
+         [](LinkedDevices& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); s.b->Kill(); }, 19,
          "connection to the other device was lost", -1, false, {}, true, false},
         {"requesting daemon killed", SLOW_CAMERA, {"--count", "3"},
-         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); s.a->Kill(); }, 21, "service on this device", 0,
+         [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); s.a->Kill(); }, 21, "service on this device", 0,
          false, {}, false, true},
         {"peer never answers (camera never subscribes)", {"--never-subscribe"}, {"--count", "1"}, nullptr, 14,
          "did not answer", 0, false, {"--clock-speedup", "60"}},
         {"link cut mid-photo", BIG_PHOTOS, {"--count", "4"},
-         [](Setup& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); ASSERT_TRUE(s.namespaces->CutLink()); },
+         [](LinkedDevices& s, ChildProcess& p) { ASSERT_TRUE(FirstPhotoSaved(p)); ASSERT_TRUE(s.namespaces->CutLink()); },
          19, "connection to the other device was lost", -1, true},
         {"Wi-Fi off on the requesting side", SLOW_CAMERA, {"--count", "3"},
-         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(true)); }, 11,
+         [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(true)); }, 11,
          "Wi-Fi is off on this device", 0, true},
         {"Wi-Fi off on the serving side", SLOW_CAMERA, {"--count", "3"},
-         [=](Setup& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(false)); }, 19,
+         [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); ASSERT_TRUE(s.namespaces->WifiOff(false)); }, 19,
          "", 0, true},
     };
     return rows;
@@ -231,7 +229,7 @@ struct Outcome {
 Outcome RunRow(const Row& row)
 {
     Outcome outcome;
-    Setup setup;
+    LinkedDevices setup;
     std::string why;
     if (!StartDevices(setup, row.cameraArgs, row.inNamespaces, row.daemonArgs, &why)) {
         ADD_FAILURE() << row.name << ": " << why;
@@ -285,21 +283,40 @@ TEST(EndToEnd, EndingsTable)
     std::fflush(stdout);
 }
 
-// Two requesting apps at once: the one in the foreground is served, the other refused.
+// Two requesting apps at once: the one in the foreground is served, the other (another
+// installed app, not in the foreground) is refused.
 TEST(EndToEnd, TwoRequestingAppsOnlyTheForegroundOneIsServed)
 {
-    Setup setup;
+    TempDir apps;
+    const std::string other = apps.Path() + "/other-photo-app";
+    ASSERT_EQ(std::system(("cp " + PhotoPath() + " " + other).c_str()), 0);
+    DeviceOptions a;
+    DeviceOptions b;
+    a.name = "A";
+    b.name = "B";
+    a.port = FreePort();
+    b.port = FreePort();
+    a.peers = {"127.0.0.1:" + std::to_string(b.port)};
+    b.peers = {"127.0.0.1:" + std::to_string(a.port)};
+    a.extraApps = {{"com.example.other", other}};
+    b.cameraArgs = {"--countdown", "2", "--source", "generated"};
+    Device deviceA(a);
+    Device deviceB(b);
     std::string why;
-    ASSERT_TRUE(StartDevices(setup, {"--countdown", "2", "--source", "generated"}, false, {}, &why)) << why;
+    ASSERT_TRUE(deviceA.Start(&why) && deviceB.Start(&why)) << why;
+    ASSERT_TRUE(AwaitCamera(deviceA, "B"));
     TempDir out1;
     TempDir out2;
     std::unique_ptr<ChildProcess> foreground =
-        setup.a->StartPhoto({"take", "--device", "B", "--count", "2", "--out", out1.Path()});
-    ASSERT_TRUE(WaitUntil([&]() { return foreground->Output().find("Link granted") != std::string::npos; }));
-    Device::Result background =
-        setup.a->Photo({"take", "--device", "B", "--count", "2", "--out", out2.Path(), "--background"});
+        deviceA.StartPhoto({"take", "--device", "B", "--count", "2", "--out", out1.Path()});
+    ASSERT_TRUE(WaitUntil([&]() { return foreground->Output().find("Link granted") != std::string::npos; }))
+        << foreground->Output() << deviceA.Log();
+    ChildProcess background({other, "--socket", deviceA.Socket(), "take", "--device", "B", "--count", "2", "--out",
+                             out2.Path(), "--background"},
+                            apps.Path() + "/background.out");
 
-    EXPECT_EQ(background.status, 10) << background.output;
+    EXPECT_EQ(background.Wait(30s), 10) << background.Output();
+    EXPECT_NE(background.Output().find("not the app in the foreground"), std::string::npos) << background.Output();
     EXPECT_EQ(foreground->Wait(60s), 0) << foreground->Output();
     EXPECT_EQ(PhotosIn(out1.Path()), 2u);
     EXPECT_EQ(PhotosIn(out2.Path()), 0u);
@@ -309,7 +326,7 @@ TEST(EndToEnd, TwoRequestingAppsOnlyTheForegroundOneIsServed)
 // they were after the first.
 TEST(EndToEnd, SoakLeavesTheDaemonsWhereTheyStarted)
 {
-    Setup setup;
+    LinkedDevices setup;
     std::string why;
     ASSERT_TRUE(StartDevices(setup, QUICK_CAMERA, false, {}, &why)) << why;
     TempDir out;

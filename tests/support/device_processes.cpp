@@ -114,7 +114,7 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, std::string outputPath
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        execve(args[0], args.data(), envp.data());
+        execvpe(args[0], args.data(), envp.data());
         _exit(127);
     }
     close(out);
@@ -192,6 +192,11 @@ void Device::WriteManifests()
     std::ofstream photo(abilitiesDir_ + "/tandra-photo.json");
     photo << R"({"bundle":"com.tandra.photo","ability":"MainAbility","module":"entry","exec":{"path":")"
           << PhotoPath() << R"(","args":[]}})";
+    for (const auto& [bundle, executable] : options_.extraApps) {
+        std::ofstream app(abilitiesDir_ + "/" + bundle + ".json");
+        app << R"({"bundle":")" << bundle << R"(","ability":"MainAbility","module":"entry","exec":{"path":")"
+            << executable << R"(","args":[]}})";
+    }
     std::ofstream camera(abilitiesDir_ + "/tandra-camera.json");
     camera << R"({"bundle":"com.tandra.camera","ability":"CameraAbility","module":"entry",)"
            << R"("action":"tandra.CameraAbility.TakePhoto","type":"tandra.CameraAbility.TakePhoto",)"
@@ -314,16 +319,25 @@ bool TwoDevices::Start(std::string* why)
     if (!a_->Start(why) || !b_->Start(why)) {
         return false;
     }
-    const bool linked = WaitUntil([&]() {
-        Device::Result list = a_->Photo({"devices", "--json"});
-        return list.output.find("\"name\":\"B\"") != std::string::npos &&
-               list.output.find("\"camera\":true") != std::string::npos;
-    });
+    const bool linked = AwaitCamera(*a_, "B");
     if (!linked) {
         *why = "A never listed B as linked with a camera:\n" + a_->Photo({"devices"}).output + "\nA's log:\n" +
                a_->Log() + "\nB's log:\n" + b_->Log();
     }
     return linked;
+}
+
+bool AwaitCamera(Device& from, const std::string& name, std::chrono::milliseconds deadline)
+{
+    int inRow = 0;
+    return WaitUntil([&]() {
+        Device::Result list = from.Photo({"devices", "--json"});
+        const size_t at = list.output.find("\"name\":\"" + name + "\"");
+        const bool ok = at != std::string::npos &&
+                        list.output.find("\"camera\":true", at) < list.output.find('\n', at);
+        inRow = ok ? inRow + 1 : 0;
+        return inRow >= 5;
+    }, deadline);
 }
 
 ProcessFigures FiguresOf(pid_t pid)

@@ -77,6 +77,8 @@ struct DeviceOptions {
     std::vector<std::string> cameraArgs = {"--countdown", "0", "--source", "generated"};
     std::vector<std::string> extraArgs;      // more tandrad flags
     std::string runner;                      // e.g. "ip netns exec NS": the daemon runs inside it
+    // More installed apps: bundle name -> executable.
+    std::map<std::string, std::string> extraApps;
 };
 
 // One device: its tandrad and its folders. The manifests name the real tandra-photo and
@@ -139,6 +141,10 @@ public:
 private:
     std::unique_ptr<Device> a_, b_;
 };
+
+// Waits until `from` lists the device `name` as linked with a camera, and still does on a few
+// polls in a row (a link that is being set up may start over once).
+bool AwaitCamera(Device& from, const std::string& name, std::chrono::milliseconds deadline = 20s);
 
 // Paths of the binaries under test (set by the build).
 std::string TandradPath();
