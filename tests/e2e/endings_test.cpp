@@ -352,8 +352,15 @@ TEST(EndToEnd, SoakLeavesTheDaemonsWhereTheyStarted)
     EXPECT_LE(endB.fds, startB.fds + 2);
     EXPECT_LE(endA.threads, startA.threads + 8);
     EXPECT_LE(endB.threads, startB.threads + 8);
-    EXPECT_LE(endA.rssKiB, startA.rssKiB + 16 * 1024);
-    EXPECT_LE(endB.rssKiB, startB.rssKiB + 16 * 1024);
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer keeps freed memory in its quarantine (up to 256 MiB), so resident memory
+    // grows without a leak; its leak checker watches leaks there instead.
+    const size_t rssMarginKiB = 300 * 1024;
+#else
+    const size_t rssMarginKiB = 16 * 1024;
+#endif
+    EXPECT_LE(endA.rssKiB, startA.rssKiB + rssMarginKiB);
+    EXPECT_LE(endB.rssKiB, startB.rssKiB + rssMarginKiB);
     EXPECT_EQ(endB.children, 0u);
 }
 

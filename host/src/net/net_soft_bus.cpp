@@ -1246,18 +1246,25 @@ struct NetSoftBus::Impl {
             }
             wifiUp = up;
             TNDR_LINK_LOGI("interface %{public}s is %{public}s", cfg.interfaceName.c_str(), up ? "up" : "down");
-            if (!up) {
-                for (auto& entry : peers) {
-                    TearDown(entry.second, "Wi-Fi is off");
-                    if (entry.second->pairConn) {
-                        entry.second->pairConn->Close("Wi-Fi is off");
-                    }
-                }
-            }
         }
+        // Listeners hear "Wi-Fi off" before the links it takes down report their sessions
+        // closed, so a collaboration ends as Wi-Fi off, not as a lost link.
         events.Post([this, up] {
             if (LinkObserver* o = observer.load()) {
                 o->OnWifiStateChanged(up);
+            }
+            if (up) {
+                return;
+            }
+            std::lock_guard<std::mutex> lock(mu);
+            if (stopping || wifiUp) {
+                return;
+            }
+            for (auto& entry : peers) {
+                TearDown(entry.second, "Wi-Fi is off");
+                if (entry.second->pairConn) {
+                    entry.second->pairConn->Close("Wi-Fi is off");
+                }
             }
         });
     }
