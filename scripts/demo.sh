@@ -72,6 +72,8 @@ cleanup() {
         kill -KILL "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
+    # Camera applications the daemons started and that outlived them.
+    pkill -KILL -f "$bin/tandra-camera" 2>/dev/null || true
     if [[ "$netns" == yes ]]; then
         ip netns del "$ns_a" 2>/dev/null || true
         ip netns del "$ns_b" 2>/dev/null || true
@@ -135,9 +137,13 @@ JSON
 JSON
 done
 
-start_daemon() {  # name runner port peer-address peer-port
-    local name=$1 runner=$2 port=$3 peer=$4 peer_port=$5 bind=$6
-    $runner "$bin/tandrad" --name "$name" --state-dir "$work/$name/state" --socket "$work/$name/tandrad.sock" \
+start_daemon() {  # name namespace port peer-address peer-port bind-address
+    local name=$1 ns=$2 port=$3 peer=$4 peer_port=$5 bind=$6
+    local runner=()
+    if [[ "$netns" == yes ]]; then
+        runner=(ip netns exec "$ns")  # execs tandrad: the pid below is the daemon's own
+    fi
+    "${runner[@]}" "$bin/tandrad" --name "$name" --state-dir "$work/$name/state" --socket "$work/$name/tandrad.sock" \
         --abilities "$work/$name/abilities" --plugin "$repo/build/release/lib/libtandra_camera.so" \
         --bind "$bind" --port "$port" --discovery-port "$port_discovery" --broadcast "$broadcast" \
         --peer "$peer:$peer_port" "${iface[@]}" >"$work/$name/tandrad.log" 2>&1 &
@@ -145,8 +151,8 @@ start_daemon() {  # name runner port peer-address peer-port
 }
 
 step "Starting device A and device B"
-start_daemon A in_a "$port_a" "$addr_b" "$port_b" "$addr_a"
-start_daemon B in_b "$port_b" "$addr_a" "$port_a" "$addr_b"
+start_daemon A "$ns_a" "$port_a" "$addr_b" "$port_b" "$addr_a"
+start_daemon B "$ns_b" "$port_b" "$addr_a" "$port_a" "$addr_b"
 for device in A B; do
     for _ in $(seq 200); do
         grep -q "tandrad: ready" "$work/$device/tandrad.log" 2>/dev/null && break

@@ -86,6 +86,11 @@ DeviceList DeviceServiceImpl::ListDevices()
 
 std::string DeviceServiceImpl::DiscoveryNote(const std::vector<KnownDevice>& known)
 {
+    for (const KnownDevice& device : known) {
+        if (device.linked) {
+            return "";  // something was found: nothing to explain
+        }
+    }
     bool byBroadcast = false;
     bool byDnsSd = false;
     std::vector<std::string> unreached = staticPeers_;
