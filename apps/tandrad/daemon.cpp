@@ -139,7 +139,7 @@ int Daemon::Start(std::string* error)
     apps_ = std::make_unique<AppRegistry>(
         [this](const std::string& executable) { return launcher_->BundleForExecutable(executable); });
     meshline_ = MeshlineService::Create(std::make_shared<BusLinkStatus>(*bus_));
-    hostService_ = new DaemonHostService(meshline_, *apps_);
+    hostService_ = new DaemonHostService(meshline_);
     deviceService_ = new DeviceServiceImpl(*bus_, *apps_, config_.discoveryPort != 0, config_.staticPeers);
     bundleMgr_ = new DaemonBundleMgr(*apps_);
     deviceService_->SetDiagnosticsSource([this]() { return Diagnostics(); });

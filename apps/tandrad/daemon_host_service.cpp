@@ -34,8 +34,8 @@ uint32_t PeekSubService(Vex::MessageParcel& data)
 
 }  // namespace
 
-DaemonHostService::DaemonHostService(Vex::sptr<Vex::IRemoteObject> meshline, AppRegistry& apps)
-    : HostServiceStub(std::move(meshline)), apps_(apps)
+DaemonHostService::DaemonHostService(Vex::sptr<Vex::IRemoteObject> meshline)
+    : HostServiceStub(std::move(meshline))
 {
 }
 

@@ -21,7 +21,7 @@ namespace Tandra {
 
 class DaemonHostService : public HostServiceStub {
 public:
-    DaemonHostService(Vex::sptr<Vex::IRemoteObject> meshline, AppRegistry& apps);
+    explicit DaemonHostService(Vex::sptr<Vex::IRemoteObject> meshline);
 
     int OnRemoteRequest(uint32_t code, Vex::MessageParcel& data, Vex::MessageParcel& reply,
                         Vex::MessageOption& option) override;
@@ -37,7 +37,6 @@ private:
         int32_t pid;
         int32_t uid;
     };
-    AppRegistry& apps_;
     std::mutex mutex_;
     std::map<uint32_t, Caller> collaborations_;  // collaboration id -> the app that asked
 };
