@@ -161,7 +161,8 @@ bool CameraSubscribed(Device& b)
 
 bool FirstPhotoSaved(ChildProcess& photo)
 {
-    return WaitUntil([&]() { return photo.Output().find("Saved photo 1") != std::string::npos; });
+    // A first big photo takes long under the sanitizers.
+    return WaitUntil([&]() { return photo.Output().find("Saved photo 1") != std::string::npos; }, 90s);
 }
 
 struct Row {
