@@ -28,17 +28,6 @@ namespace Tandra {
 
 namespace {
 
-std::string ExecutableDir()
-{
-    char path[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0) {
-        return ".";
-    }
-    std::string exe(path, static_cast<size_t>(length));
-    return exe.substr(0, exe.find_last_of('/'));
-}
-
 // How long a stop waits for the plugin to tell peers and apps that collaborations ended.
 constexpr std::chrono::milliseconds STOP_DRAIN{3000};
 

@@ -20,19 +20,6 @@ std::string Env(const char* name)
     return value != nullptr ? value : "";
 }
 
-// The folder of this executable: the plugin and the manifests are found relative to it, so the
-// same binary works from the build tree and from an installed prefix.
-std::string ExecutableDir()
-{
-    char path[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0) {
-        return ".";
-    }
-    std::string exe(path, static_cast<size_t>(length));
-    return exe.substr(0, exe.find_last_of('/'));
-}
-
 std::string HostName()
 {
     char name[HOST_NAME_MAX + 1] = {};
@@ -55,6 +42,17 @@ std::string DefaultStateDir()
 }
 
 }  // namespace
+
+std::string ExecutableDir()
+{
+    char path[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (length <= 0) {
+        return ".";
+    }
+    std::string exe(path, static_cast<size_t>(length));
+    return exe.substr(0, exe.find_last_of('/'));
+}
 
 int ParseDaemonConfig(int argc, char** argv, DaemonConfig& config, std::string* message)
 {

@@ -33,5 +33,9 @@ struct DaemonConfig {
 // message to print in *message.
 int ParseDaemonConfig(int argc, char** argv, DaemonConfig& config, std::string* message);
 
+// The folder of this executable: the plugin, the manifests and the programs they start are
+// found relative to it, so the same binary works from the build tree and an installed prefix.
+std::string ExecutableDir();
+
 }  // namespace Tandra
 }  // namespace QUEX
