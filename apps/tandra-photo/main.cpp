@@ -379,7 +379,6 @@ int RunTake(const std::string& socketPath, const TakeOptions& options, const sig
     CollaborationEnd end = observer.WaitEnd();
     pthread_kill(signals.native_handle(), SIGUSR1);
     signals.join();
-    saver.Abandon();
 
     Json::Value extra(Json::objectValue);
     extra["ending"] = end.Info().name;

@@ -1,7 +1,6 @@
-// PhotoSaver: writes each photo as it arrives into the output folder, atomically: the bytes
-// go to a hidden temporary name, are flushed to disk, and only then take their final name,
-// so a reader never sees a partial file under a final name, and an interrupted run leaves
-// no temporary behind (Abandon removes it).
+// PhotoSaver: writes each photo as it arrives into the output folder, atomically (a hidden
+// temporary name, then the final one), so a reader never sees a partial file under a final
+// name and a failed write leaves no temporary behind.
 // Copies: the photo bytes are written straight from the buffer they arrived in (no copy).
 // Thread-safety: one collaboration's photos come from one thread at a time; guarded anyway.
 #pragma once
@@ -18,15 +17,12 @@ namespace Tandra {
 class PhotoSaver {
 public:
     explicit PhotoSaver(std::string folder) : folder_(std::move(folder)) {}
-    ~PhotoSaver() { Abandon(); }
 
     // Creates the folder when missing; false with *error otherwise.
     bool Prepare(std::string* error);
     // Saves one photo; its final path in *path. The name carries the collaboration and the
     // photo's number, and the extension its format (JPEG, PNG, or .bin when unknown).
     bool Save(uint32_t collaborationId, const uint8_t* data, size_t size, std::string* path, std::string* error);
-    // Removes a temporary file left by a save that was interrupted.
-    void Abandon();
     const std::vector<std::string>& Saved() const { return saved_; }
 
     PhotoSaver(const PhotoSaver&) = delete;
@@ -35,7 +31,6 @@ public:
 private:
     const std::string folder_;
     std::mutex mutex_;
-    std::string inProgress_;
     std::vector<std::string> saved_;
 };
 

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "timeline.h"
+#include "atomic_file.h"
 #include "timeline_render.h"
 #include "timeline_text.h"
 
@@ -18,20 +19,9 @@ namespace {
 
 bool WriteFile(const std::string& path, const std::string& contents)
 {
-    std::string temporary = path + ".part";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << contents;
-        if (!out.flush()) {
-            std::cerr << "tandra-timeline: cannot write " << path << " (is its folder there and writable?)\n";
-            std::filesystem::remove(temporary);
-            return false;
-        }
-    }
-    std::error_code ec;
-    std::filesystem::rename(temporary, path, ec);
-    if (ec) {
-        std::cerr << "tandra-timeline: cannot write " << path << ": " << ec.message() << "\n";
+    std::string error;
+    if (!Vex::WriteFileAtomically(path, contents.data(), contents.size(), &error)) {
+        std::cerr << "tandra-timeline: " << error << "\n";
         return false;
     }
     return true;

@@ -1,0 +1,18 @@
+// Writing a whole file so that no reader ever sees part of it under its final name: the bytes
+// go to a hidden temporary name in the same folder (".<name>.part"), then take the final name
+// by rename. On failure the temporary is removed. No fsync: the rename alone gives readers
+// the guarantee, and syncing every photo would halve the throughput.
+// Copies: the bytes are written straight from the caller's buffer.
+// Thread-safety: a plain function; distinct paths may be written from several threads.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Vex {
+
+// True when path holds exactly the bytes; otherwise *error says what failed and what to do.
+bool WriteFileAtomically(const std::string& path, const void* data, size_t size, std::string* error);
+
+}  // namespace Vex
