@@ -9,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "json_text.h"
+
 namespace QUEX::Tandra {
 
 namespace {
@@ -73,11 +75,11 @@ bool ManifestAbilityLauncher::ParseManifest(const std::string& file, const Varia
     if (!in.is_open()) {
         return Fail(error, file, "cannot be read; check that it exists and is readable");
     }
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
+    std::stringstream text;
+    text << in.rdbuf();
     Json::Value root;
     std::string parseErrors;
-    if (!Json::parseFromStream(builder, in, &root, &parseErrors)) {
+    if (!Vex::ParseJsonText(text.str(), &root, &parseErrors)) {
         return Fail(error, file, "is not valid JSON: " + parseErrors);
     }
     if (!root.isObject()) {

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <memory>
 
+#include "json_text.h"
+
 namespace QUEX::Tandra::Timeline {
 
 namespace {
@@ -153,9 +155,7 @@ bool ParseEventLine(const std::string& line, const std::string& device, bool ove
 {
     Json::Value root;
     std::string parseErrors;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(line.data(), line.data() + line.size(), &root, &parseErrors)) {
+    if (!Vex::ParseJsonText(line, &root, &parseErrors)) {
         // The reader's text is "* Line 1, Column 7\n  Syntax error: ...": keep the column and the reason.
         std::string where = parseErrors.substr(0, parseErrors.find('\n'));
         std::string why = parseErrors.substr(std::min(parseErrors.size(), where.size() + 1));

@@ -3,6 +3,8 @@
 
 #include <json/json.h>
 
+#include "json_text.h"
+
 #include <cstring>
 #include <memory>
 
@@ -53,12 +55,11 @@ int64_t BodyLimit(FrameType type, FrameRole role, const FrameLimits& limits)
 
 bool ParseJson(const char* data, size_t len, Json::Value* root, std::string* error)
 {
-    Json::CharReaderBuilder builder;
-    builder["stackLimit"] = 32;
-    builder["rejectDupKeys"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Vex::JsonRules rules;
+    rules.depthLimit = 32;
+    rules.rejectDuplicateKeys = true;
     std::string errs;
-    if (!reader->parse(data, data + len, root, &errs)) {
+    if (!Vex::ParseJsonText(data, len, root, &errs, rules)) {
         *error = "malformed JSON: " + errs.substr(0, 120);
         return false;
     }

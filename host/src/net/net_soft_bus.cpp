@@ -14,6 +14,7 @@
 #include "net_identity.h"
 #include "net_trust_store.h"
 #include "serial_dispatcher.h"
+#include "json_text.h"
 #include "net_log.h"
 
 #include <json/json.h>
@@ -1204,11 +1205,10 @@ struct NetSoftBus::Impl {
     void OnAnnouncement(size_t n)
     {
         Json::Value root;
-        Json::CharReaderBuilder builder;
-        builder["stackLimit"] = 8;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Vex::JsonRules rules;
+        rules.depthLimit = 8;
         std::string errs;
-        if (!reader->parse(udpBuffer, udpBuffer + n, &root, &errs) || !root.isObject() || !root["id"].isString() ||
+        if (!Vex::ParseJsonText(udpBuffer, n, &root, &errs, rules) || !root.isObject() || !root["id"].isString() ||
             !root["port"].isUInt() || root["port"].asUInt() == 0 || root["port"].asUInt() > 65535 ||
             !root["name"].isString() || !root["type"].isUInt()) {
             return;  // not ours: broadcast ports are shared

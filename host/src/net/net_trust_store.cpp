@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <json/json.h>
+
+#include "json_text.h"
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,11 +27,8 @@ bool NetTrustStore::Load(std::string* error)
     std::stringstream text;
     text << in.rdbuf();
     Json::Value root;
-    Json::CharReaderBuilder builder;
     std::string errs;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string s = text.str();
-    if (!reader->parse(s.data(), s.data() + s.size(), &root, &errs) || !root.isArray()) {
+    if (!Vex::ParseJsonText(text.str(), &root, &errs) || !root.isArray()) {
         *error = path_ + " is not a list of paired devices; fix or delete it (then pair again)";
         return false;
     }

@@ -141,11 +141,16 @@ TEST(FrameBodiesTest, RoundTripAndRejectMalformedBodies)
     EXPECT_EQ(parsed[0].abilityType, "page");
 
     HelloInfo hello;
-    for (const std::string bad : {"{", "[]", "{\"type\":1,\"port\":70000,\"role\":\"control\",\"pair\":false}",
+    for (const std::string& bad : std::vector<std::string>{"{", "[]", "{\"type\":1,\"port\":70000,\"role\":\"control\",\"pair\":false}",
                                   "{\"type\":1,\"port\":1,\"role\":\"other\",\"pair\":false}",
-                                  "{\"name\":5,\"type\":1,\"port\":1,\"role\":\"data\",\"pair\":false}"}) {
+                                  "{\"name\":5,\"type\":1,\"port\":1,\"role\":\"data\",\"pair\":false}",
+                                  std::string(40, '['), "{\"a\":" + std::string(40, '[')}) {
         EXPECT_FALSE(ParseHello(bad.data(), bad.size(), &hello, &error)) << bad;
     }
+    // A peer nesting past the reader's limit gets an error, not an exception through the decoder.
+    std::string deep = std::string(40, '[') + std::string(40, ']');
+    EXPECT_FALSE(ParseAbilities(deep.data(), deep.size(), &parsed, &error));
+    EXPECT_NE(error.find("nested"), std::string::npos) << error;
 }
 
 }  // namespace

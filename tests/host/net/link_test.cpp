@@ -171,6 +171,44 @@ INSTANTIATE_TEST_SUITE_P(Rows, PairingTest,
                          ::testing::Values(PairingRow{"BothConfirm", true}, PairingRow{"PeerDeclines", false}),
                          [](const ::testing::TestParamInfo<PairingRow>& info) { return info.param.name; });
 
+TEST_F(LinkTest, HostileAnnouncementsAreIgnoredAndDiscoveryGoesOn)
+{
+    uint16_t discovery = FreeUdpPort();
+    ASSERT_NE(discovery, 0);
+    a_ = Make("A", false, recA_, {}, discovery);
+    idA_ = a_->GetLocalIdentity().networkId;
+
+    // Anyone on the LAN can send these: nesting past the reader's limit, truncated JSON, a
+    // port out of range, an identity of the wrong length.
+    int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    struct sockaddr_in to;
+    std::memset(&to, 0, sizeof to);
+    to.sin_family = AF_INET;
+    to.sin_port = htons(discovery);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (const std::string& hostile :
+         {std::string(2000, '['), "{\"id\":" + std::string(500, '{'), std::string("{\"id\":\"x\""),
+          std::string("{\"id\":\"") + std::string(64, 'A') + "\",\"port\":70000,\"name\":\"X\",\"type\":1}",
+          std::string("{\"id\":\"AB\",\"port\":1,\"name\":\"X\",\"type\":1}")}) {
+        ASSERT_EQ(::sendto(fd, hostile.data(), hostile.size(), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof to),
+                  static_cast<ssize_t>(hostile.size()));
+    }
+    ::close(fd);
+
+    b_ = Make("B", false, recB_, {}, discovery);
+    idB_ = b_->GetLocalIdentity().networkId;
+    bool found = false;
+    for (int i = 0; i < 200 && !found; ++i) {
+        for (const KnownDevice& d : a_->GetKnownDevices()) {
+            found = found || d.identity.networkId == idB_;
+            EXPECT_EQ(d.identity.networkId.size(), 64u) << "no device made up from a hostile announcement";
+        }
+        recA_.Await([] { return false; }, 50ms);
+    }
+    EXPECT_TRUE(found) << "A still hears real announcements";
+}
+
 TEST_F(LinkTest, AnUnpairedDeviceDiallingInIsRefusedWithALogLine)
 {
     Vex::LogCapture log;
