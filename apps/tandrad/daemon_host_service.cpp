@@ -75,7 +75,16 @@ int DaemonHostService::OnRemoteRequest(uint32_t code, Vex::MessageParcel& data, 
         int32_t answer = -1;
         uint32_t collaborationId = 0;
         if (reply.ReadInt32(answer) && reply.ReadUint32(collaborationId) && answer == 0 && collaborationId != 0) {
-            collaborations_[collaborationId] = Caller{pid, uid};
+            // A request for a peer that already has a collaboration joins it: the id is the
+            // running one's, its callbacks keep going to the app that started it, and that app
+            // stays the one whose collaboration a stopping daemon cancels. The joining app is
+            // told so after the plugin's reply, or it would wait for callbacks that never come.
+            const bool joined = !collaborations_.emplace(collaborationId, Caller{pid, uid}).second;
+            reply.WriteUint32(joined ? 1 : 0);
+            if (joined) {
+                TNDR_HOST_LOGI("request of pid %{public}d joined running collaboration %{public}u", pid,
+                               collaborationId);
+            }
         }
         reply.RewindRead(position);
     } else if (subService == CANCEL_REQUEST) {

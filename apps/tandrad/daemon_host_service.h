@@ -4,7 +4,8 @@
 // the plugin inside this process may use, are refused to every other process (an app could
 // otherwise publish states or take a link's resources). It also keeps, per app, the
 // collaborations its take-photo requests started, so that a daemon being stopped can cancel
-// them the way the app itself would.
+// them the way the app itself would, and tells an app whose request joined a collaboration
+// another request started (a Uint32 after the plugin's reply: 1 joined, 0 its own).
 // Thread-safety: requests arrive on several IPC threads at once; all state is guarded.
 #pragma once
 

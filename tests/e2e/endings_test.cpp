@@ -14,6 +14,8 @@
 
 #include <cstdio>
 #include <functional>
+#include <map>
+#include <random>
 
 #include "device_processes.h"
 
@@ -205,6 +207,20 @@ std::vector<Row> Rows()
         {"requesting daemon killed", SLOW_CAMERA, {"--count", "3"},
          [=](LinkedDevices& s, ChildProcess& p) { waitSubscribed(s, p); s.a->Kill(); }, 21, "service on this device", 0,
          false, {}, false, true},
+        {"second request for the same peer while one runs", SLOW_CAMERA, {"--count", "3"},
+         [=](LinkedDevices& s, ChildProcess& p) {
+             waitSubscribed(s, p);
+             // The second request joins the running collaboration: it is told so at once and
+             // the first one carries on (then it is cancelled, to end the row quickly).
+             TempDir out;
+             Device::Result second = s.a->Photo({"take", "--device", "B", "--count", "1", "--out", out.Path()});
+             EXPECT_EQ(second.status, 26) << second.output;
+             EXPECT_NE(second.output.find("already taking photos"), std::string::npos) << second.output;
+             EXPECT_EQ(PhotosIn(out.Path()), 0u);
+             EXPECT_TRUE(p.Running()) << p.Output();
+             p.Signal(SIGINT);
+         },
+         130, "You cancelled", 0},
         {"peer never answers (camera never subscribes)", {"--never-subscribe"}, {"--count", "1"}, nullptr, 14,
          "did not answer", 0, false, {"--clock-speedup", "60"}},
         {"link cut mid-photo", BIG_PHOTOS, {"--count", "4"},
@@ -323,36 +339,120 @@ TEST(EndToEnd, TwoRequestingAppsOnlyTheForegroundOneIsServed)
     EXPECT_EQ(PhotosIn(out2.Path()), 0u);
 }
 
-// Soak: collaborations back to back leave the daemons' descriptors, threads and memory where
-// they were after the first.
+// The registries of a daemon that must come back to where they were: IPC handles and
+// connections, apps, and everything Leftovers checks for zero.
+std::string RegistryFigures(Device& device)
+{
+    Json::Value counts = Diagnostics(device);
+    std::string text;
+    for (const char* key : {"ipc_connections", "ipc_exported_handles", "ipc_proxy_handles", "apps",
+                            "meshline_callbacks", "timed_waits", "incoming_sessions", "meshline_tasks",
+                            "meshline_subscribers", "tracked_collaborations", "children"}) {
+        text += std::string(text.empty() ? "" : " ") + key + "=" + std::to_string(counts[key].asUInt64());
+    }
+    return text;
+}
+
+// One soak round ending as a row of the table does; only the endings that leave both daemons
+// running and need no other camera application (the soak watches the same two processes).
+struct SoakEnding {
+    const char* name;
+    int exitStatus;
+    std::function<void(LinkedDevices&, ChildProcess&)> act;  // once a first photo was saved
+};
+
+std::vector<SoakEnding> SoakEndings()
+{
+    return {
+        {"finish", 0, nullptr},
+        {"cancel from the requesting app", 130, [](LinkedDevices&, ChildProcess& p) { p.Signal(SIGINT); }},
+        {"requesting app killed", -1, [](LinkedDevices&, ChildProcess& p) { p.Signal(SIGKILL); }},
+        {"camera app killed", -1,
+         [](LinkedDevices& s, ChildProcess&) {
+             std::vector<pid_t> cameras = s.b->CameraPids();
+             ASSERT_FALSE(cameras.empty());
+             kill(cameras.back(), SIGKILL);
+         }},
+        {"second request while one runs", 0,
+         [](LinkedDevices& s, ChildProcess&) {
+             TempDir out;
+             Device::Result second = s.a->Photo({"take", "--device", "B", "--count", "1", "--out", out.Path()});
+             EXPECT_EQ(second.status, 26) << second.output;
+         }},
+    };
+}
+
+// Soak: 100 collaborations back to back, then 20 with random endings, leave the daemons'
+// descriptors, threads, memory and registries where they were after the first.
 TEST(EndToEnd, SoakLeavesTheDaemonsWhereTheyStarted)
 {
     LinkedDevices setup;
     std::string why;
-    ASSERT_TRUE(StartDevices(setup, QUICK_CAMERA, false, {}, &why)) << why;
+    // Photos big enough that a round's ending lands while its photos are still crossing.
+    const std::vector<std::string> camera = {"--countdown", "0", "--source", "generated", "--target-size", "2MiB"};
+    ASSERT_TRUE(StartDevices(setup, camera, false, {}, &why)) << why;
     TempDir out;
-    ASSERT_EQ(setup.a->Photo({"take", "--device", "B", "--count", "1", "--out", out.Path()}).status, 0);
-    ASSERT_TRUE(WaitUntil([&]() { return Leftovers(*setup.a).empty() && Leftovers(*setup.b).empty(); }));
+    ASSERT_EQ(setup.a->Photo({"take", "--device", "B", "--count", "2", "--out", out.Path()}).status, 0);
+    auto settled = [&]() { return Leftovers(*setup.a).empty() && Leftovers(*setup.b).empty(); };
+    ASSERT_TRUE(WaitUntil(settled));
     const ProcessFigures startA = FiguresOf(setup.a->Pid());
     const ProcessFigures startB = FiguresOf(setup.b->Pid());
-    const int rounds = std::getenv("TANDRA_SOAK_ROUNDS") != nullptr ? std::atoi(std::getenv("TANDRA_SOAK_ROUNDS")) : 20;
+    const std::string registriesA = RegistryFigures(*setup.a);
+    const std::string registriesB = RegistryFigures(*setup.b);
+
+    const char* roundsText = std::getenv("TANDRA_SOAK_ROUNDS");
+    const int rounds = roundsText != nullptr ? std::atoi(roundsText) : 100;
     for (int i = 0; i < rounds; ++i) {
         Device::Result take = setup.a->Photo({"take", "--device", "B", "--count", "2", "--out", out.Path()});
         ASSERT_EQ(take.status, 0) << "round " << i << "\n" << take.output;
     }
-    ASSERT_TRUE(WaitUntil([&]() { return Leftovers(*setup.a).empty() && Leftovers(*setup.b).empty(); }))
-        << Leftovers(*setup.a) << Leftovers(*setup.b);
+
+    const char* seedText = std::getenv("TANDRA_SOAK_SEED");
+    const unsigned seed = seedText != nullptr ? static_cast<unsigned>(std::atoi(seedText)) : std::random_device()();
+    std::mt19937 random(seed);
+    const std::vector<SoakEnding> endings = SoakEndings();
+    std::map<std::string, int> tally;
+    for (int i = 0; i < 20; ++i) {
+        const SoakEnding& ending = endings[random() % endings.size()];
+        SCOPED_TRACE(std::string("random round ") + std::to_string(i) + " (" + ending.name + "), TANDRA_SOAK_SEED=" +
+                     std::to_string(seed));
+        std::unique_ptr<ChildProcess> photo =
+            setup.a->StartPhoto({"take", "--device", "B", "--count", "30", "--out", out.Path()});
+        if (ending.act) {
+            ASSERT_TRUE(FirstPhotoSaved(*photo)) << photo->Output();
+            ending.act(setup, *photo);
+        }
+        std::optional<int> status = photo->Wait(90s);
+        ASSERT_TRUE(status.has_value()) << photo->Output();
+        if (ending.exitStatus >= 0) {
+            EXPECT_EQ(*status, ending.exitStatus) << photo->Output();
+        }
+        // The next round starts on daemons that have let go of this one.
+        ASSERT_TRUE(WaitUntil(settled, 30s)) << Leftovers(*setup.a) << Leftovers(*setup.b);
+        tally[ending.name]++;
+    }
+
     const ProcessFigures endA = FiguresOf(setup.a->Pid());
     const ProcessFigures endB = FiguresOf(setup.b->Pid());
-    std::printf("\n| daemon | fds | threads | RSS KiB |\n|---|---|---|---|\n"
-                "| A before | %zu | %zu | %zu |\n| A after %d | %zu | %zu | %zu |\n"
-                "| B before | %zu | %zu | %zu |\n| B after %d | %zu | %zu | %zu |\n",
-                startA.fds, startA.threads, startA.rssKiB, rounds, endA.fds, endA.threads, endA.rssKiB, startB.fds,
-                startB.threads, startB.rssKiB, rounds, endB.fds, endB.threads, endB.rssKiB);
+    std::string mix;
+    for (const auto& [name, count] : tally) {
+        mix += std::string(mix.empty() ? "" : ", ") + name + " " + std::to_string(count);
+    }
+    std::printf("\nSoak: %d collaborations back to back, then 20 random endings (seed %u: %s)\n"
+                "| daemon | fds | threads | RSS KiB | registries |\n|---|---|---|---|---|\n"
+                "| A before | %zu | %zu | %zu | %s |\n| A after | %zu | %zu | %zu | %s |\n"
+                "| B before | %zu | %zu | %zu | %s |\n| B after | %zu | %zu | %zu | %s |\n",
+                rounds, seed, mix.c_str(), startA.fds, startA.threads, startA.rssKiB, registriesA.c_str(), endA.fds,
+                endA.threads, endA.rssKiB, RegistryFigures(*setup.a).c_str(), startB.fds, startB.threads,
+                startB.rssKiB, registriesB.c_str(), endB.fds, endB.threads, endB.rssKiB,
+                RegistryFigures(*setup.b).c_str());
+    std::fflush(stdout);
     EXPECT_LE(endA.fds, startA.fds + 2);
     EXPECT_LE(endB.fds, startB.fds + 2);
     EXPECT_LE(endA.threads, startA.threads + 8);
     EXPECT_LE(endB.threads, startB.threads + 8);
+    EXPECT_EQ(RegistryFigures(*setup.a), registriesA);
+    EXPECT_EQ(RegistryFigures(*setup.b), registriesB);
 #if defined(__SANITIZE_ADDRESS__)
     // AddressSanitizer keeps freed memory in its quarantine (up to 256 MiB), so resident memory
     // grows without a leak; its leak checker watches leaks there instead.

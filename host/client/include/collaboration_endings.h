@@ -31,6 +31,7 @@ enum class EndingKind {
     LINK_LOST,            // the connection to the other device was lost
     BAD_DATA,             // the other device sent data that could not be read
     SERVICE_UNAVAILABLE,  // the framework service is not running or stopped answering
+    ALREADY_RUNNING,      // another request of this device runs a collaboration with that device
     UNKNOWN,              // a code this table does not know
 };
 

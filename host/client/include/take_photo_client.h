@@ -7,7 +7,8 @@
 //
 // Request (code 1) arguments: Int32 1, then the PickerResult record (ability filter, peer
 // device, this application), then the callback object. Reply: Int32 result, Uint32
-// collaboration id. Cancel (code 4): Uint32 collaboration id; reply Int32 result.
+// collaboration id, and from the daemon a Uint32 1 when the request joined a collaboration that
+// another request started (its callbacks go to that request's app only). Cancel (code 4): Uint32 collaboration id; reply Int32 result.
 // Callbacks: event (101, 104): Uint32 code, Uint32 collaboration id, String text; photo (102,
 // 105): Uint32 status, Uint32 collaboration id, Uint32 size, raw data of size bytes.
 //
@@ -56,9 +57,13 @@ struct TakePhotoRequest {
 struct TakePhotoResult {
     int32_t result = 0;            // 0, a refusal of the request, or a negative transport error
     uint32_t collaborationId = 0;  // 0 unless result is 0
-    bool Ok() const { return result == 0; }
+    bool joinedRunning = false;    // the id is another request's collaboration: nothing comes here
+    bool Ok() const { return result == 0 && !joinedRunning; }
     // The ending a failed request means.
-    CollaborationEnd End() const { return {EndingForRequestResult(result), result}; }
+    CollaborationEnd End() const
+    {
+        return {joinedRunning ? EndingKind::ALREADY_RUNNING : EndingForRequestResult(result), result};
+    }
 };
 
 // One received photo. data is valid only during the OnPhoto call.

@@ -57,6 +57,10 @@ const std::vector<EndingInfo>& AllEndings()
          20},
         {EndingKind::SERVICE_UNAVAILABLE, "service-unavailable",
          "The Tandra service on this device is not running or stopped answering. Start tandrad and try again.", 21},
+        {EndingKind::ALREADY_RUNNING, "already-running",
+         "Another request on this device is already taking photos with that device, and only one runs at a time. "
+         "Wait for it to finish (or cancel it) and try again.",
+         26},
         {EndingKind::UNKNOWN, "unknown",
          "The collaboration failed for a reason this app does not know. Try again; if it keeps happening, report "
          "the code below.",

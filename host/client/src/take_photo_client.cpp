@@ -58,6 +58,12 @@ TakePhotoResult TakePhotoClient::TakePhoto(const TakePhotoRequest& request)
         result.collaborationId = 0;
         return result;
     }
+    uint32_t joined = 0;
+    if (reply.ReadUint32(joined) && joined == 1) {
+        TNDR_APP_LOGE("the request joined collaboration %{public}u of another request", result.collaborationId);
+        result.joinedRunning = true;
+        return result;
+    }
     TNDR_APP_LOGI("collaboration %{public}u started", result.collaborationId);
     callback_->Track(result.collaborationId);
     return result;
