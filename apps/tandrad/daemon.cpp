@@ -161,7 +161,7 @@ int Daemon::Start(std::string* error)
             apps_->OnConnected(peer.pid, peer.uid);
         } else {
             apps_->OnDisconnected(peer.pid);
-            hostService_->ForgetApp(peer.pid);
+            hostService_->ForgetCaller(peer.pid);
         }
     });
     TNDR_HOST_LOGI("tandrad ready: device \"%{public}s\" network id %{public}s, link port %{public}u, "

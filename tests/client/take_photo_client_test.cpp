@@ -96,6 +96,7 @@ class TakePhotoClientTest : public RequestingDeviceTest {
 public:
     void TearDown() override
     {
+        EndOtherCollaboration();
         client_.reset();
         RequestingDeviceTest::TearDown();
         EXPECT_FALSE(observer_.overlapped_) << "observer calls overlapped";
@@ -148,9 +149,32 @@ public:
         PeerSends(c, CameraMessage(CODE_PHOTO, photo.size(), photo), true);
     }
 
+    // A collaboration with the peer that another client of the app started and that still runs.
+    void StartOtherCollaboration(const TakePhotoRequest& request)
+    {
+        Vex::ScopedIdentity as(APP_PID, APP_UID);
+        other_ = std::make_unique<TakePhotoClient>(service_, &otherObserver_);
+        const TakePhotoResult first = other_->TakePhoto(request);
+        ASSERT_TRUE(first.Ok()) << first.result;
+        otherId_ = first.collaborationId;
+        AwaitSession(otherId_);
+    }
+
+    void EndOtherCollaboration()
+    {
+        if (other_ != nullptr) {
+            Vex::ScopedIdentity as(APP_PID, APP_UID);
+            EXPECT_EQ(other_->Cancel(otherId_), 0);
+            other_.reset();
+        }
+    }
+
     Vex::sptr<ClientTesting::ServiceProcess> service_ = ClientTesting::ServiceProcess::Start(SERVICE_PID);
     RecordingObserver observer_;
     std::unique_ptr<TakePhotoClient> client_;
+    RecordingObserver otherObserver_;
+    std::unique_ptr<TakePhotoClient> other_;
+    uint32_t otherId_ = 0;
 };
 
 // ---- Every ending ----
@@ -198,6 +222,9 @@ const EndingRow ENDING_ROWS[] = {
      false, false, NoTrigger, EndingKind::UNKNOWN, 4242},
     {"NoService", [](TakePhotoClientTest& t, TakePhotoRequest&) { t.Client(false); }, false, false, NoTrigger,
      EndingKind::SERVICE_UNAVAILABLE, Vex::ERR_DEAD_OBJECT},
+    // The request joins the running collaboration, whose callbacks go to the client that started it.
+    {"JoinsARunningCollaboration", [](TakePhotoClientTest& t, TakePhotoRequest& r) { t.StartOtherCollaboration(r); },
+     false, false, NoTrigger, EndingKind::ALREADY_RUNNING, 0},
     {"PeerRefusesTheSession", FailSessionOpens(2008), true, false, NoTrigger, EndingKind::PEER_FAILED, 1001202002},
     {"PeerWifiOffAtOpen", FailSessionOpens(2005), true, false, NoTrigger, EndingKind::PEER_WIFI_OFF, 1001202004},
     {"PeerCancelsBeforeSending", Nothing, true, true, PeerCode(CODE_DISCONNECTED_BEFORE_SEND),
@@ -283,6 +310,7 @@ TEST_P(ClientEndingTest, ReachesTheApplicationAsItsEnding)
         EXPECT_EQ(result.result, row.code);
         EXPECT_EQ(result.collaborationId, 0u);
         EXPECT_EQ(result.End().kind, row.kind);
+        EndOtherCollaboration();
         Settle();
         EXPECT_TRUE(observer_.Items().empty());
         return;

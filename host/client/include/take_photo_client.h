@@ -56,8 +56,8 @@ struct TakePhotoRequest {
 
 struct TakePhotoResult {
     int32_t result = 0;            // 0, a refusal of the request, or a negative transport error
-    uint32_t collaborationId = 0;  // 0 unless result is 0
-    bool joinedRunning = false;    // the id is another request's collaboration: nothing comes here
+    uint32_t collaborationId = 0;  // 0 unless Ok()
+    bool joinedRunning = false;    // it joined another request's collaboration: nothing comes here
     bool Ok() const { return result == 0 && !joinedRunning; }
     // The ending a failed request means.
     CollaborationEnd End() const

@@ -62,6 +62,7 @@ TakePhotoResult TakePhotoClient::TakePhoto(const TakePhotoRequest& request)
     if (reply.ReadUint32(joined) && joined == 1) {
         TNDR_APP_LOGE("the request joined collaboration %{public}u of another request", result.collaborationId);
         result.joinedRunning = true;
+        result.collaborationId = 0;
         return result;
     }
     TNDR_APP_LOGI("collaboration %{public}u started", result.collaborationId);
