@@ -325,8 +325,9 @@ TEST_F(EndingTest, OtherSessionsCannotSteerTheCollaboration)
 
 // While the control session is still being opened the collaboration has no session id (-2): the
 // Wi-Fi loop passes it over and a cancel sends no stop request. The take-photo send then closes
-// the session itself, without telling the peer, once it sees the collaboration gone.
-TEST_F(EndingTest, CancelBeforeTheSessionIsUpSendsNoStopAndClosesTheSession)
+// the session itself once it sees the collaboration gone, telling the peer (whose camera
+// application would otherwise run on for nothing), and frees the link.
+TEST_F(EndingTest, CancelBeforeTheSessionIsUpClosesItAtThePeerAndFreesTheLink)
 {
     device_.Peer().HoldSessionOpens();
     auto [result, id] = Request();
@@ -344,8 +345,8 @@ TEST_F(EndingTest, CancelBeforeTheSessionIsUpSendsNoStopAndClosesTheSession)
     EXPECT_TRUE(app_->Calls().empty());
     const auto closes = env_->bus_.Closes();
     ASSERT_EQ(closes.size(), 1u);
-    EXPECT_FALSE(closes[0].second);
-    EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2}));
+    EXPECT_TRUE(closes[0].second);
+    EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 1}));
     ExpectGone(id);
 }
 

@@ -236,7 +236,8 @@ INSTANTIATE_TEST_SUITE_P(
 // The application cancels while the take-photo send is between its check for a cancel and its
 // wait for the peer: before the session id is recorded (the cancel finds none to stop), or
 // while the session is being announced (the cancel stops the session, but the wait has yet to
-// start). Either way the session ends, the send does not wait and nothing is left.
+// start). Either way the session ends at both ends, the link is freed, the send does not wait
+// and nothing is left.
 TEST_F(RaceTest, CancelBeforeTheSessionIdIsRecordedStopsTheSession)
 {
     // The application's cancel comes in as the sending thread is about to record the session
@@ -252,8 +253,9 @@ TEST_F(RaceTest, CancelBeforeTheSessionIdIsRecordedStopsTheSession)
     const std::vector<Testing::CloseRecord> closed = device_.Peer().SessionsClosedByDevice();
     ASSERT_EQ(closed.size(), 1u);
     EXPECT_EQ(closed[0].id, collaboration.sessionId);
-    EXPECT_FALSE(closed[0].notifyPeer);
-    EXPECT_EQ(PublishedStates(), std::vector<int32_t>{2}) << "the session of a cancelled collaboration was announced";
+    EXPECT_TRUE(closed[0].notifyPeer) << "the peer would keep its camera application running";
+    EXPECT_EQ(PublishedStates(), (std::vector<int32_t>{2, 1}))
+        << "the session of a cancelled collaboration was announced, or the link was not freed";
     EXPECT_TRUE(app_->Calls().empty());
     ExpectNothingLeft(collaboration.id);
 }

@@ -210,6 +210,9 @@ public:
     int32_t ProcessCancelTakePhotoRequest(uint32_t collaborationId);
     void SendStopTakePhoto(uint32_t collaborationId, uint32_t code, std::shared_ptr<CameraProcessState> state);
     int32_t SendStopTakePhotoReq(uint32_t collaborationId, std::string networkId);
+    // The session of a collaboration that ended while its command was being sent: stopped with
+    // the peer told, and the link freed (see camera_ability_cancel.cpp).
+    void StopSessionOfEndedCollaboration(int32_t sessionId, const std::string& networkId);
     int32_t ProcessDisconnect(std::string networkId);
     void ProcessWifiShutDown();
     void ProcessCtrlChannelShutDown(const std::string& key);

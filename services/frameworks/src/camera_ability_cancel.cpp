@@ -117,6 +117,17 @@ int32_t CameraAbilityProcess::SendStopTakePhotoReq(uint32_t collaborationId, std
     return result;
 }
 
+// An ending (a cancel, the application's death) that lands while the command's session is
+// still opening finds no session id to stop, so it neither tells the peer nor frees the link.
+// Stopping the session quietly here would leave the peer's camera application running for a
+// collaboration that is gone, and the connection manager holding the link for it, until the
+// link itself drops: the peer is told and the link freed, as a cancel does.
+void CameraAbilityProcess::StopSessionOfEndedCollaboration(int32_t sessionId, const std::string& networkId)
+{
+    SessionManager::StopCollaborationToDevice(sessionId, true);
+    ReleasePeer(networkId, frameworkName_);
+}
+
 void CameraAbilityProcess::DetachCollaborationDeathRecipient(const std::shared_ptr<CameraProcessState>& state)
 {
     if (state == nullptr) {

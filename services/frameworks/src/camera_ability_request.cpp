@@ -302,7 +302,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
         TNDR_SERVICE_LOGI("already cancel, should stop session");
         DFX::ReportStageState(TNDR_DFX_SITE, DFX::BizScene::TAKE_PHOTO_REQUEST, DFX::SerCollBizStage::REQUEST_SENT,
                               DFX::StageRes::CANCEL, 0, DFX::BizState::END);
-        SessionManager::StopCollaborationToDevice(sessionId, false);
+        StopSessionOfEndedCollaboration(sessionId, networkId);
         return result;
     }
     if (result != ERR_OK) {
@@ -326,7 +326,7 @@ int32_t CameraAbilityProcess::SendTakePhotoReq(sptr<DeviceInfo> deviceInfo, uint
                               DFX::StageRes::CANCEL, 0, DFX::BizState::END);
         EraseImagePending(PendingKey(collaborationId, WAIT_CODE_FIRST_ANSWER));
         EraseSessionId(collaborationId);
-        SessionManager::StopCollaborationToDevice(sessionId, false);
+        StopSessionOfEndedCollaboration(sessionId, networkId);
         return result;
     }
     MeshlineManager::GetInstance().PublishServiceState(networkId, frameworkName_, "", SERVICE_STATE_CONNECTED);
