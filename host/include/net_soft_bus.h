@@ -15,8 +15,10 @@
 //
 // Copies per hop: a control message is copied once into the send queue (SendCtrlMessage returns
 // at once); a data message is encrypted straight from the caller's buffer (SendDataMessage
-// returns once it is all written to the socket). A received message is decrypted once into one
-// buffer (reused for the next message of its connection) and the listener gets a pointer into it.
+// returns once it is all written to the socket, or fails when the peer takes no byte for
+// writeStallTimeout, which drops the link as a lost link does). A received message is decrypted
+// once into one buffer (reused for the next message of its connection) and the listener gets a
+// pointer into it.
 // Each connection has one I/O owner (an asio strand) and a send queue; one thread runs all I/O.
 // Listener calls of one peer come in order on that peer's delivery thread; an opening runs on
 // its own thread. Bounded memory: bodies are allocated only after their header is checked
@@ -50,6 +52,10 @@ struct NetBusConfig {
     bool trustOnFirstUse = false;    // demos and tests only: trust any certificate first seen
     std::chrono::milliseconds heartbeatInterval{1000};
     std::chrono::milliseconds linkTimeout{3000};
+    // A peer whose connection takes no byte for this long (it stopped reading, while its
+    // heartbeats may still come) is dropped and the pending send fails. As long as the plugin's
+    // wait for one photo: a send never waits longer than the photo's own deadline.
+    std::chrono::milliseconds writeStallTimeout{10000};
     uint32_t maxControlMessage = 4u << 20;
     uint32_t maxDataMessage = 1u << 30;
 };

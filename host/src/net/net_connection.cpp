@@ -49,8 +49,14 @@ struct NetConnection::TxItem {
 };
 
 NetConnection::NetConnection(asio::io_context& io, asio::ssl::context& ssl, asio::ip::tcp::socket socket, bool dialed,
-                             FrameLimits limits)
-    : stream_(std::move(socket), ssl), strand_(asio::make_strand(io)), deadline_(io), dialed_(dialed), limits_(limits)
+                             FrameLimits limits, std::chrono::milliseconds writeStall)
+    : stream_(std::move(socket), ssl),
+      strand_(asio::make_strand(io)),
+      deadline_(io),
+      stallTimer_(io),
+      writeStall_(writeStall),
+      dialed_(dialed),
+      limits_(limits)
 {
     Touch();
 }
@@ -290,7 +296,15 @@ void NetConnection::WriteNext()
         buffers = {asio::buffer(item.header), asio::buffer(item.body, item.len)};
     }
     auto self = shared_from_this();
-    asio::async_write(stream_, buffers, asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
+    lastWriteProgress_ = std::chrono::steady_clock::now();
+    ArmStallTimer();
+    // The completion condition runs on the strand after each partial write: that is progress.
+    auto progress = [self, all = asio::transfer_all()](const asio::error_code& ec, size_t n) mutable {
+        self->lastWriteProgress_ = std::chrono::steady_clock::now();
+        return all(ec, n);
+    };
+    asio::async_write(stream_, buffers, std::move(progress),
+                      asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
                           self->writing_ = false;
                           self->bytesOut_.fetch_add(n, std::memory_order_relaxed);
                           if (self->closed_) {
@@ -308,6 +322,31 @@ void NetConnection::WriteNext()
                           }
                           self->WriteNext();
                       }));
+}
+
+// One timer per connection, re-armed from the last progress rather than per write, so that a
+// stream of small frames does not churn it.
+void NetConnection::ArmStallTimer()
+{
+    if (stallArmed_ || writeStall_.count() <= 0) {
+        return;
+    }
+    stallArmed_ = true;
+    stallTimer_.expires_at(lastWriteProgress_ + writeStall_);
+    auto self = shared_from_this();
+    stallTimer_.async_wait(asio::bind_executor(strand_, [self](const asio::error_code& ec) {
+        self->stallArmed_ = false;
+        if (ec || self->closed_ || !self->writing_) {
+            return;
+        }
+        auto now = std::chrono::steady_clock::now();
+        if (now - self->lastWriteProgress_ < self->writeStall_) {
+            self->ArmStallTimer();
+            return;
+        }
+        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - self->lastWriteProgress_).count();
+        self->CloseOnStrand("the peer stopped reading: no byte written for " + std::to_string(ms) + " ms");
+    }));
 }
 
 void NetConnection::Close(const std::string& reason)
@@ -331,6 +370,7 @@ void NetConnection::CloseOnStrand(std::string reason)
     }
     closed_ = true;
     deadline_.cancel();
+    stallTimer_.cancel();
     // The frame being written stays until its write handler runs: its buffers are in use.
     if (writing_) {
         while (queue_.size() > 1) {

@@ -3,6 +3,8 @@
 // read straight into its buffer) and writes frames from a queue, one write in flight.
 // Received data-message bodies come from a per-connection buffer that is reused; while two of
 // them wait for delivery, reading pauses (so a peer cannot make us buffer more).
+// A write that makes no progress for the stall deadline (the peer stopped reading) closes the
+// connection, so a sender never waits for ever on a peer that still answers heartbeats.
 // Thread-safety: Send, Close and the counters may be called from any thread; handlers run on
 // the strand.
 #pragma once
@@ -68,8 +70,9 @@ public:
     // reason is empty for a local Close without a reason.
     using ClosedHandler = std::function<void(const std::shared_ptr<NetConnection>&, const std::string& reason)>;
 
+    // writeStall: how long a pending write may go without a byte written; zero = no limit.
     NetConnection(asio::io_context& io, asio::ssl::context& ssl, asio::ip::tcp::socket socket, bool dialed,
-                  FrameLimits limits);
+                  FrameLimits limits, std::chrono::milliseconds writeStall);
     ~NetConnection();
 
     // Handshakes (within the deadline), then reads frames until closed. Handlers run on the
@@ -101,6 +104,7 @@ private:
     void ReadBody(const FrameHeader& header);
     void Enqueue(std::unique_ptr<TxItem> item);
     void WriteNext();
+    void ArmStallTimer();
     void CloseOnStrand(std::string reason);  // by value: the queue it clears may hold it
     void Touch();
     std::unique_ptr<char[]> AcquireDataBuffer(size_t len, size_t* capacity);
@@ -109,6 +113,10 @@ private:
     Stream stream_;
     asio::strand<asio::io_context::executor_type> strand_;
     asio::steady_timer deadline_;
+    asio::steady_timer stallTimer_;
+    const std::chrono::milliseconds writeStall_;
+    bool stallArmed_ = false;
+    std::chrono::steady_clock::time_point lastWriteProgress_;  // on the strand
     const bool dialed_;
     const FrameLimits limits_;
     FrameRole role_ = FrameRole::HANDSHAKE;

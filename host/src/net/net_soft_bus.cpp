@@ -44,7 +44,7 @@ std::string Short(const std::string& fp)
 bool IsProtocolError(const std::string& reason)
 {
     return reason.rfind("bad frame", 0) == 0 || reason.rfind("protocol", 0) == 0 ||
-           reason.rfind("TLS handshake failed", 0) == 0;
+           reason.rfind("TLS handshake failed", 0) == 0 || reason.rfind("the peer stopped reading", 0) == 0;
 }
 
 // Opening of a control session this device asked for: the peer's answer.
@@ -366,9 +366,10 @@ struct NetSoftBus::Impl {
         bool wasLinked = peer->linked;
         peer->linked = false;
         peer->abilitiesReceived = false;
+        // The connection at fault has logged its own reason; the others close as a consequence.
         for (auto* conn : {&peer->ctrl, &peer->data, &peer->pendingData}) {
             if (*conn) {
-                (*conn)->Close(reason);
+                (*conn)->Close("the link dropped: " + reason);
                 conn->reset();
             }
         }
@@ -524,7 +525,7 @@ struct NetSoftBus::Impl {
     {
         asio::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
-        auto conn = std::make_shared<NetConnection>(io, ssl, std::move(socket), dialed, limits);
+        auto conn = std::make_shared<NetConnection>(io, ssl, std::move(socket), dialed, limits, cfg.writeStallTimeout);
         {
             std::lock_guard<std::mutex> lock(mu);
             if (stopping || conns.size() >= MAX_CONNECTIONS) {

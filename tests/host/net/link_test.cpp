@@ -36,6 +36,9 @@ protected:
         NetBusConfig config = LoopbackConfig(name, dir_.Path(), tofu);
         config.staticPeers = std::move(statics);
         config.discoveryPort = discoveryPort;
+        if (tweak_) {
+            tweak_(config);
+        }
         std::string error;
         std::unique_ptr<NetSoftBus> bus = NetSoftBus::Create(config, &error);
         EXPECT_NE(bus, nullptr) << error;
@@ -69,6 +72,7 @@ protected:
         return {opened.second, recB_.EventsOf("open").back().session.sessionId};
     }
 
+    std::function<void(NetBusConfig&)> tweak_;  // applied to every configuration Make builds
     TempDir dir_;
     LinkRecorder recA_;
     LinkRecorder recB_;
@@ -376,6 +380,57 @@ TEST_F(LinkTest, AKilledPeerProcessIsSeenAsLinkLossAtOnce)
     EXPECT_EQ(recA_.EventsOf("closed")[0].session.sessionId, opened.second);
     EXPECT_FALSE(a_->HasCtrlSession(opened.second));
     EXPECT_TRUE(a_->GetPeerDevices().empty());
+}
+
+TEST_F(LinkTest, APeerThatStopsReadingFailsTheSendAfterTheStallDeadlineAndOnlyItsLinkDrops)
+{
+    constexpr auto STALL = 400ms;
+    tweak_ = [&](NetBusConfig& config) { config.writeStallTimeout = STALL; };
+    StartLinkedPair();
+    LinkRecorder recC;
+    std::unique_ptr<NetSoftBus> c = Make("C", true, recC, {"127.0.0.1:" + std::to_string(a_->GetPort())});
+    std::string idC = c->GetLocalIdentity().networkId;
+    ASSERT_TRUE(recA_.Await([&] { return recA_.LinkedLocked(idC); }));
+    auto toB = a_->OpenDataChannel(idB_, SessionAttribute{});
+    ASSERT_EQ(toB.first, HOST_OK);
+
+    // B's listener holds its deliveries: after two messages B reads no more from its data
+    // connection, while its control connection still answers heartbeats.
+    recB_.SetDataGate(false);
+    struct OpenGate {
+        LinkRecorder& rec;
+        ~OpenGate() { rec.SetDataGate(true); }
+    } openGate{recB_};
+    ASSERT_EQ(a_->SendDataMessage(toB.second, -1, "1", 1, 2, true), HOST_OK);
+    ASSERT_EQ(a_->SendDataMessage(toB.second, -1, "2", 1, 2, false), HOST_OK);
+
+    Vex::LogCapture log;
+    const size_t size = 64u << 20;  // far more than the sockets' buffers hold
+    std::unique_ptr<char[]> photo(new char[size]());
+    auto began = std::chrono::steady_clock::now();
+    int32_t sent = a_->SendDataMessage(toB.second, -1, photo.get(), size, 2, false);
+    auto took = std::chrono::steady_clock::now() - began;
+    EXPECT_EQ(sent, HOST_ERR_SEND_FAILED);
+    EXPECT_GE(took, STALL);
+    EXPECT_LT(took, STALL + 5s);
+    ASSERT_TRUE(recA_.Await([&] { return recA_.LostLocked(idB_) == 1; }));
+    std::vector<std::string> errors;
+    for (const Vex::LogRecord& r : log.Records()) {
+        if (r.level == Vex::LOG_ERROR) {
+            errors.push_back(r.message);
+        }
+    }
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("'B'"), std::string::npos) << errors[0];
+    EXPECT_NE(errors[0].find("stopped reading"), std::string::npos) << errors[0];
+    EXPECT_EQ(a_->SendDataMessage(toB.second, -1, "3", 1, 2, false), HOST_ERR_NO_SESSION) << "its channels are gone";
+
+    // C's link carries on.
+    auto toC = a_->OpenDataChannel(idC, SessionAttribute{});
+    ASSERT_EQ(toC.first, HOST_OK);
+    ASSERT_EQ(a_->SendDataMessage(toC.second, -1, "c", 1, 2, true), HOST_OK);
+    ASSERT_TRUE(recC.Await([&] { return recC.CountLocked("data") == 1; }));
+    EXPECT_EQ(recA_.LostCount(idC), 0u);
 }
 
 // A TLS client with its own certificate, speaking raw frames to a bus.
