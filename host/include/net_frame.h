@@ -26,7 +26,7 @@ enum class FrameType : uint8_t {
     ABILITIES = 2,      // body: JSON list of AbilityInfo
     HEARTBEAT = 3,      // no body
     PAIR_REQUEST = 4,   // no body
-    PAIR_CONFIRM = 5,   // c = 1 accepted, 0 declined
+    PAIR_CONFIRM = 5,   // c = 1 accepted, 0 declined; b = 1 when declined for want of an answer in time
     OPEN_SESSION = 10,  // a = opener's session id; body: u32 name length, name, command text
     OPEN_RESULT = 11,   // a = opener's id, b = receiver's id (0 when refused), c = result
     CLOSE_SESSION = 12, // a = receiver's id of the session

@@ -56,6 +56,10 @@ struct NetBusConfig {
     // heartbeats may still come) is dropped and the pending send fails. As long as the plugin's
     // wait for one photo: a send never waits longer than the photo's own deadline.
     std::chrono::milliseconds writeStallTimeout{10000};
+    // A connection must finish TLS and its hello within this, so silent connects cannot pile up.
+    std::chrono::milliseconds handshakeTimeout{10000};
+    // Both users must confirm the pairing code within this; then the pairing ends on both sides.
+    std::chrono::milliseconds pairingTimeout{120000};
     uint32_t maxControlMessage = 4u << 20;
     uint32_t maxDataMessage = 1u << 30;
 };

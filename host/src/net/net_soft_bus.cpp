@@ -32,7 +32,8 @@ constexpr size_t MAX_CONNECTIONS = 256;
 constexpr int MAX_OPENINGS_PER_PEER = 32;
 constexpr size_t MAX_SESSIONS_PER_PEER = 4096;
 constexpr size_t MAX_PENDING_DELIVERY = 64u << 20;
-constexpr auto HANDSHAKE_DEADLINE = std::chrono::seconds(10);
+// PAIR_CONFIRM's b: the sender gave up waiting for its user, so its "no" is not a refusal.
+constexpr uint32_t PAIR_TIMED_OUT = 1;
 constexpr auto CONNECT_DEADLINE = std::chrono::seconds(3);
 constexpr auto PAIRING_CONNECT_WAIT = std::chrono::seconds(5);
 
@@ -175,6 +176,7 @@ struct NetSoftBus::Impl {
         int pairLocal = 0;   // 1 accepted, -1 declined
         int pairRemote = 0;
         std::string pairError;
+        Clock::time_point pairSince{};
     };
 
     struct Session {
@@ -537,7 +539,7 @@ struct NetSoftBus::Impl {
             info.plan = plan;
         }
         conn->Start(
-            HANDSHAKE_DEADLINE,
+            cfg.handshakeTimeout,
             [this, plan](const std::shared_ptr<NetConnection>& c) {
                 if (c->Dialed()) {
                     std::lock_guard<std::mutex> lock(mu);
@@ -786,6 +788,7 @@ struct NetSoftBus::Impl {
                 peer->pairLocal = 0;
                 peer->pairRemote = 0;
                 peer->pairError.clear();
+                peer->pairSince = Clock::now();
                 info.state = ConnState::PAIRING;
                 if (wePair) {
                     SendEmpty(conn, FrameType::PAIR_REQUEST);
@@ -819,7 +822,12 @@ struct NetSoftBus::Impl {
             });
         } else if (h.type == FrameType::PAIR_CONFIRM) {
             peer->pairRemote = h.c != 0 ? 1 : -1;
-            if (peer->pairRemote < 0) {
+            if (peer->pairRemote < 0 && h.b == PAIR_TIMED_OUT) {
+                TNDR_LINK_LOGI("pairing with %{public}s ended: the other device's user did not confirm in time",
+                               Describe(*peer).c_str());
+                conn->Close("pairing timed out on the other device");
+                FinishPairing(peer, false, "the code was not confirmed in time on the other device; pair again");
+            } else if (peer->pairRemote < 0) {
                 TNDR_LINK_LOGI("device %{public}s declined to pair", Describe(*peer).c_str());
                 conn->Close("pairing declined");
                 FinishPairing(peer, false, "the other device declined");
@@ -1096,6 +1104,9 @@ struct NetSoftBus::Impl {
             all.push_back(entry.second);
         }
         for (auto& peer : all) {
+            if (peer->pairConn && now - peer->pairSince >= cfg.pairingTimeout) {
+                ExpirePairing(peer);
+            }
             if (peer->ctrl) {
                 if (now - peer->lastHeartbeat >= cfg.heartbeatInterval) {
                     SendEmpty(peer->ctrl, FrameType::HEARTBEAT);
@@ -1146,6 +1157,18 @@ struct NetSoftBus::Impl {
             reportedNothingFound = true;
             TNDR_LINK_LOGI("no device found yet: %{public}s", DiscoveryReport().c_str());
         }
+    }
+
+    // Nobody confirmed the code in time: the pairing ends on both sides, and the peer learns
+    // why, so neither user is left looking at a code that no longer means anything.
+    void ExpirePairing(const std::shared_ptr<Peer>& peer)
+    {
+        auto secs = std::chrono::duration_cast<std::chrono::seconds>(cfg.pairingTimeout).count();
+        std::string why = "the code was not confirmed within " + std::to_string(secs) + " s; pair again";
+        TNDR_LINK_LOGI("pairing with %{public}s ended: %{public}s", Describe(*peer).c_str(), why.c_str());
+        SendEmpty(peer->pairConn, FrameType::PAIR_CONFIRM, 0, PAIR_TIMED_OUT, 0);
+        peer->pairConn->CloseWhenSent("pairing timed out");
+        FinishPairing(peer, false, why);
     }
 
     std::string DiscoveryReport()
@@ -1574,6 +1597,10 @@ int32_t NetSoftBus::ConfirmPairing(const std::string& nameOrId, bool accept, std
     Impl& d = *impl_;
     std::lock_guard<std::mutex> lock(d.mu);
     std::shared_ptr<Impl::Peer> peer = d.FindPeer(nameOrId);
+    if (peer && !peer->pairConn && !peer->pairError.empty()) {
+        *error = "the pairing with " + d.Describe(*peer) + " has ended: " + peer->pairError;
+        return HOST_ERR_NO_DEVICE;
+    }
     if (!peer || !peer->pairConn) {
         *error = "no pairing with '" + nameOrId + "' is in progress: ask for it first (pair " + nameOrId + ")";
         return HOST_ERR_NO_DEVICE;

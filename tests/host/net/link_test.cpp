@@ -175,6 +175,61 @@ INSTANTIATE_TEST_SUITE_P(Rows, PairingTest,
                          ::testing::Values(PairingRow{"BothConfirm", true}, PairingRow{"PeerDeclines", false}),
                          [](const ::testing::TestParamInfo<PairingRow>& info) { return info.param.name; });
 
+struct PairingTimeoutRow {
+    const char* name;
+    bool requesterConfirms;
+};
+
+void PrintTo(const PairingTimeoutRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+class PairingTimeoutTest : public LinkTest, public ::testing::WithParamInterface<PairingTimeoutRow> {};
+
+TEST_P(PairingTimeoutTest, AnUnconfirmedCodeEndsThePairingOnBothSides)
+{
+    tweak_ = [](NetBusConfig& config) { config.pairingTimeout = 500ms; };
+    a_ = Make("A", false, recA_);
+    b_ = Make("B", false, recB_, {"127.0.0.1:" + std::to_string(a_->GetPort())});
+    idA_ = a_->GetLocalIdentity().networkId;
+    idB_ = b_->GetLocalIdentity().networkId;
+    // B's static dial makes it known to A (and is refused: not paired).
+    std::string code;
+    std::string error;
+    int32_t asked = HOST_ERR_NO_DEVICE;
+    for (int i = 0; i < 100 && asked != HOST_OK; ++i) {
+        asked = a_->RequestPairing("B", &code, &error);
+        if (asked != HOST_OK) {
+            recA_.Await([] { return false; }, 50ms);
+        }
+    }
+    ASSERT_EQ(asked, HOST_OK) << error;
+    ASSERT_TRUE(recB_.Await([&] { return recB_.CodesLocked().count(idA_) != 0; }));
+    if (GetParam().requesterConfirms) {
+        ASSERT_EQ(a_->ConfirmPairing("B", true, &error), HOST_OK) << error;
+    }
+
+    ASSERT_TRUE(recA_.Await([&] { return recA_.PairResultsLocked().count(idB_) != 0; }, 5s));
+    ASSERT_TRUE(recB_.Await([&] { return recB_.PairResultsLocked().count(idA_) != 0; }, 5s));
+    EXPECT_FALSE(recA_.PairingResults()[idB_]);
+    EXPECT_FALSE(recB_.PairingResults()[idA_]);
+    // A confirmation that comes too late says why and what to do.
+    for (NetSoftBus* bus : {a_.get(), b_.get()}) {
+        std::string late;
+        EXPECT_EQ(bus->ConfirmPairing(bus == a_.get() ? "B" : "A", true, &late), HOST_ERR_NO_DEVICE);
+        EXPECT_NE(late.find("not confirmed"), std::string::npos) << late;
+        EXPECT_NE(late.find("pair again"), std::string::npos) << late;
+    }
+    EXPECT_TRUE(a_->GetPeerDevices().empty());
+    EXPECT_TRUE(b_->GetPeerDevices().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, PairingTimeoutTest,
+                         ::testing::Values(PairingTimeoutRow{"NobodyConfirms", false},
+                                           PairingTimeoutRow{"OnlyTheRequesterConfirms", true}),
+                         [](const ::testing::TestParamInfo<PairingTimeoutRow>& info) { return info.param.name; });
+
 TEST_F(LinkTest, HostileAnnouncementsAreIgnoredAndDiscoveryGoesOn)
 {
     uint16_t discovery = FreeUdpPort();
@@ -530,6 +585,62 @@ private:
     SSL* ssl_ = nullptr;
     int fd_ = -1;
 };
+
+TEST_F(LinkTest, ConnectionsThatSayNothingAreDroppedAtTheHandshakeDeadline)
+{
+    tweak_ = [](NetBusConfig& config) { config.handshakeTimeout = 300ms; };
+    a_ = Make("A", true, recA_);
+    idA_ = a_->GetLocalIdentity().networkId;
+
+    // A flood of silent connects, more than the bus keeps at once, and one that finishes TLS but
+    // sends no hello: all are closed, none is held.
+    struct sockaddr_in addr;
+    std::memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(a_->GetPort());
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    RawClient tlsOnly(dir_.Path(), idA_);
+    ASSERT_TRUE(tlsOnly.Connect(a_->GetPort(), true));
+    std::vector<int> silent;
+    for (int i = 0; i < 300; ++i) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_GE(fd, 0);
+        struct timeval tv = {10, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
+        silent.push_back(fd);
+    }
+    for (int fd : silent) {
+        char byte;
+        EXPECT_LE(::read(fd, &byte, 1), 0) << "the bus closed the silent connection";
+        ::close(fd);
+    }
+    EXPECT_TRUE(tlsOnly.ClosedByPeer());
+
+    // The flood is gone: a real device links. A server that accepts and never answers is given
+    // up on the dialling side too, and the reason shows in what discovery reports.
+    int mute = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in muteAddr = addr;
+    muteAddr.sin_port = 0;
+    ASSERT_EQ(::bind(mute, reinterpret_cast<struct sockaddr*>(&muteAddr), sizeof muteAddr), 0);
+    ASSERT_EQ(::listen(mute, 8), 0);
+    socklen_t len = sizeof muteAddr;
+    ::getsockname(mute, reinterpret_cast<struct sockaddr*>(&muteAddr), &len);
+    std::string muteText = "127.0.0.1:" + std::to_string(ntohs(muteAddr.sin_port));
+    b_ = Make("B", true, recB_, {"127.0.0.1:" + std::to_string(a_->GetPort()), muteText});
+    idB_ = b_->GetLocalIdentity().networkId;
+    EXPECT_TRUE(recA_.Await([&] { return recA_.LinkedLocked(idB_); }));
+    std::string error;
+    std::string code;
+    for (int i = 0; i < 100 && error.find("within the deadline") == std::string::npos; ++i) {
+        recB_.Await([] { return false; }, 50ms);
+        b_->RequestPairing("nobody", &code, &error);
+    }
+    EXPECT_NE(error.find("static peer " + muteText + ": no TLS handshake and hello within the deadline"),
+              std::string::npos)
+        << error;
+    ::close(mute);
+}
 
 struct BadPeerRow {
     const char* name;
