@@ -1,6 +1,7 @@
 // NetSoftBus: the SoftBus between daemons on different devices, over TCP with TLS 1.3 and
 // mutual certificate authentication (identity: NetIdentity; peers accepted only when paired,
-// NetTrustStore). Devices are found by UDP broadcast and by static host:port entries.
+// NetTrustStore). Devices are found by UDP broadcast, by static host:port entries and by DNS-SD
+// (_tandra._tcp, where an Avahi daemon runs); whatever finds a device, TLS proves who it is.
 //
 // Links: per peer, one control connection (sessions, control messages, pairing, heartbeats)
 // and one data connection (data channels and their messages), both dialled by the device with
@@ -48,6 +49,7 @@ struct NetBusConfig {
     uint16_t discoveryPort = 0;      // UDP broadcast announcements; 0 = none
     std::string broadcastAddress = "255.255.255.255";
     std::vector<std::string> staticPeers;  // "host:port"
+    bool dnsSd = true;               // publish and browse _tandra._tcp where an Avahi daemon runs
     std::string interfaceName;       // watched as the Wi-Fi state; "" = always on
     bool trustOnFirstUse = false;    // demos and tests only: trust any certificate first seen
     std::chrono::milliseconds heartbeatInterval{1000};

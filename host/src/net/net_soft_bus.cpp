@@ -8,6 +8,7 @@
 #include <list>
 #include <set>
 
+#include "dns_sd_discovery.h"
 #include "host_types.h"
 #include "interface_watch.h"
 #include "net_connection.h"
@@ -224,6 +225,7 @@ struct NetSoftBus::Impl {
     char udpBuffer[2048];
     asio::steady_timer tick{io};
     InterfaceWatch iface{io};
+    DnsSdDiscovery dnsSd;  // its handler runs on Avahi's thread and takes mu
     std::thread ioThread;
     std::future<void> ioDone;
     std::atomic<bool> started{false};
@@ -1187,7 +1189,7 @@ struct NetSoftBus::Impl {
         for (const StaticPeer& s : statics) {
             out += "; static peer " + s.text + (s.fp.empty() ? ": " + s.lastError : ": reached");
         }
-        out += "; DNS-SD is not used by this build";
+        out += "; " + (cfg.dnsSd ? dnsSd.Describe() : std::string("DNS-SD is off in the configuration"));
         out += ". If your network drops broadcast, name the peer as a static peer (host:port)";
         return out;
     }
@@ -1243,22 +1245,39 @@ struct NetSoftBus::Impl {
         }
         std::lock_guard<std::mutex> lock(mu);
         announcementsHeard++;
+        Discovered(fp, root["name"].asString(), root["type"].asUInt(), udpSender.address().to_string(),
+                   static_cast<uint16_t>(root["port"].asUInt()), DiscoverySource::BROADCAST);
+    }
+
+    // Where a device says it listens. Only a hint: the handshake checks its certificate.
+    void Discovered(const std::string& fp, const std::string& name, uint32_t type, const std::string& address,
+                    uint16_t devicePort, DiscoverySource source)
+    {
         std::shared_ptr<Peer> peer = PeerFor(fp, true);
         if (!peer) {
             return;
         }
         bool fresh = peer->address.empty();
         if (!peer->ctrl) {
-            peer->address = udpSender.address().to_string();
-            peer->port = static_cast<uint16_t>(root["port"].asUInt());
+            peer->address = address;
+            peer->port = devicePort;
         }
-        peer->name = root["name"].asString().substr(0, 256);
-        peer->type = root["type"].asUInt();
+        peer->name = name.substr(0, 256);
+        peer->type = type;
         if (fresh) {
-            peer->foundBy = DiscoverySource::BROADCAST;
-            TNDR_LINK_LOGI("found %{public}s at %{public}s:%{public}u by broadcast", Describe(*peer).c_str(),
-                           peer->address.c_str(), peer->port);
+            peer->foundBy = source;
+            TNDR_LINK_LOGI("found %{public}s at %{public}s:%{public}u by %{public}s", Describe(*peer).c_str(),
+                           peer->address.c_str(), peer->port, DiscoverySourceName(source));
         }
+    }
+
+    void OnDnsSdFound(const DnsSdFound& found)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        if (stopping || found.networkId == MyFp()) {
+            return;
+        }
+        Discovered(found.networkId, found.name, found.deviceType, found.address, found.port, DiscoverySource::DNS_SD);
     }
 
     void OnWifiChanged(bool up)
@@ -1417,6 +1436,11 @@ int32_t NetSoftBus::Start(std::string* error)
         d.io.run();
         done.set_value();
     });
+    if (d.cfg.dnsSd) {
+        std::string why;
+        d.dnsSd.Start(d.cfg.deviceName, d.cfg.deviceType, d.MyFp(), d.port,
+                      [&d](const DnsSdFound& found) { d.OnDnsSdFound(found); }, &why);
+    }
     return HOST_OK;
 }
 
@@ -1427,6 +1451,8 @@ void NetSoftBus::Stop()
     if (!d.started.load() || !d.ioThread.joinable() || d.stopped.exchange(true)) {
         return;
     }
+    // First, and without mu: its thread may be waiting for mu in the found handler.
+    d.dnsSd.Stop();
     {
         std::lock_guard<std::mutex> lock(d.mu);
         d.stopping = true;

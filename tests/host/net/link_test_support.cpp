@@ -230,6 +230,7 @@ NetBusConfig LoopbackConfig(const std::string& name, const std::string& stateDir
     config.bindAddress = "127.0.0.1";
     config.broadcastAddress = "127.255.255.255";
     config.trustOnFirstUse = trustOnFirstUse;
+    config.dnsSd = false;  // buses of a test find each other on loopback, not on the LAN
     return config;
 }
 
