@@ -5,9 +5,12 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 
 #include "host_types.h"
@@ -206,6 +209,173 @@ TEST_F(LinkNetnsTest, ALinkCutMidTransferIsLinkLossOnBothSides)
     EXPECT_EQ(recB_.Count("closed"), 1u);
     EXPECT_TRUE(a_->IsWifiActive());
     EXPECT_TRUE(b_->IsWifiActive());
+}
+
+// A private system bus and an Avahi daemon for one namespace, ended by pid.
+class AvahiIn {
+public:
+    ~AvahiIn()
+    {
+        for (pid_t pid : {avahi_, dbus_}) {
+            if (pid > 0) {
+                ::kill(pid, SIGTERM);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+    }
+
+    // Starts dbus-daemon (its socket in dir) and avahi-daemon inside ns; *address is the bus.
+    bool Start(const std::string& dir, const std::string& ns, const std::string& iface, const std::string& host,
+               std::string* error)
+    {
+        address_ = "unix:path=" + dir + "/bus";
+        std::ofstream(dir + "/bus.conf")
+            << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+               " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+               "<busconfig><type>system</type><listen>" << address_ << "</listen><auth>EXTERNAL</auth>"
+               "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/><allow send_destination=\"*\"/>"
+               "<allow receive_sender=\"*\"/></policy></busconfig>\n";
+        std::ofstream(dir + "/avahi.conf") << "[server]\nhost-name=" << host << "\nuse-ipv4=yes\nuse-ipv6=no\n"
+                                           << "allow-interfaces=" << iface << "\nenable-dbus=yes\n"
+                                           << "[wide-area]\nenable-wide-area=no\n[publish]\npublish-hinfo=no\n"
+                                           << "publish-workstation=no\n";
+        int out[2];
+        if (::pipe(out) != 0) {
+            return false;
+        }
+        std::string conf = "--config-file=" + dir + "/bus.conf";
+        std::string print = "--print-address=" + std::to_string(out[1]);
+        dbus_ = ::fork();
+        if (dbus_ == 0) {
+            ::close(out[0]);
+            ::execlp("dbus-daemon", "dbus-daemon", conf.c_str(), "--nofork", "--nopidfile", print.c_str(), nullptr);
+            ::_exit(127);
+        }
+        ::close(out[1]);
+        char line[512];
+        ssize_t n = dbus_ > 0 ? ::read(out[0], line, sizeof line) : -1;
+        ::close(out[0]);
+        if (n <= 0) {
+            *error = "dbus-daemon did not start";
+            return false;
+        }
+        // Avahi keeps its pid file and socket in a fixed folder: a private one per daemon.
+        std::string script = "mkdir -p /run/avahi-daemon && mount -t tmpfs tmpfs /run/avahi-daemon && exec "
+                             "avahi-daemon --no-drop-root --no-chroot --no-rlimits -f " + dir + "/avahi.conf";
+        avahi_ = ::fork();
+        if (avahi_ == 0) {
+            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+            ::execlp("ip", "ip", "netns", "exec", ns.c_str(), "unshare", "-m", "sh", "-c", script.c_str(), nullptr);
+            ::_exit(127);
+        }
+        // Ready once the daemon owns its name on the bus.
+        std::string probe = "dbus-send --bus=" + address_ +
+                            " --print-reply --dest=org.freedesktop.Avahi / org.freedesktop.Avahi.Server.GetVersionString"
+                            " >/dev/null 2>&1";
+        LinkRecorder waiter;
+        for (int i = 0; i < 100; ++i) {
+            if (std::system(probe.c_str()) == 0) {
+                return true;
+            }
+            if (::waitpid(avahi_, nullptr, WNOHANG) == avahi_) {
+                avahi_ = 0;
+                break;
+            }
+            waiter.Await([] { return false; }, std::chrono::milliseconds(100));
+        }
+        *error = "avahi-daemon did not come up in " + ns;
+        return false;
+    }
+    const std::string& Address() const { return address_; }
+
+private:
+    pid_t dbus_ = 0;
+    pid_t avahi_ = 0;
+    std::string address_;
+};
+
+// libdbus reads the system bus address once per process, so the second device is a helper
+// process in B's namespace with B's bus.
+TEST_F(LinkNetnsTest, ADeviceIsFoundByDnsSdAloneAndReachedOverTls)
+{
+    if (std::system("command -v avahi-daemon >/dev/null 2>&1 && command -v dbus-daemon >/dev/null 2>&1 && "
+                    "command -v dbus-send >/dev/null 2>&1 && command -v unshare >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "avahi-daemon, dbus-daemon, dbus-send or unshare is not installed; install avahi-daemon "
+                        "to test DNS-SD discovery";
+    }
+    TempDir busDirA;
+    TempDir busDirB;
+    std::string error;
+    AvahiIn avahiA;
+    AvahiIn avahiB;
+    struct Helper {
+        pid_t pid = 0;
+        ~Helper()
+        {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+    } helper;
+    struct StopFirst {
+        std::unique_ptr<NetSoftBus>& bus;
+        ~StopFirst()
+        {
+            if (bus) {
+                bus->Stop();
+            }
+        }
+    } stopFirst{a_};  // the bus ends before its daemon
+    ASSERT_TRUE(avahiA.Start(busDirA.Path(), nsA_, ifA_, "tandra-a", &error)) << error;
+    ASSERT_TRUE(avahiB.Start(busDirB.Path(), nsB_, ifB_, "tandra-b", &error)) << error;
+
+    int out[2];
+    ASSERT_EQ(::pipe(out), 0);
+    std::string state = dir_.Path() + "/helper";
+    std::string env = "DBUS_SYSTEM_BUS_ADDRESS=" + avahiB.Address();
+    helper.pid = ::fork();
+    ASSERT_GE(helper.pid, 0);
+    if (helper.pid == 0) {
+        ::dup2(out[1], 1);
+        ::close(out[0]);
+        ::execlp("ip", "ip", "netns", "exec", nsB_.c_str(), "env", env.c_str(), TANDRA_LINK_PEER_PATH, state.c_str(),
+                 "-", "dns-sd", nullptr);
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    char line[256] = {};
+    ssize_t n = ::read(out[0], line, sizeof line - 1);
+    ::close(out[0]);
+    ASSERT_GT(n, 0) << "the helper did not start";
+    std::string helperId = std::string(line, n).substr(0, 64);
+
+    // No broadcast, no static peers: only DNS-SD can find the other device.
+    NetBusConfig config = LoopbackConfig("A", dir_.Path(), false);
+    config.bindAddress = "0.0.0.0";
+    config.dnsSd = true;
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", avahiA.Address().c_str(), 1);
+    a_ = StartIn(nsA_, config, recA_);
+    ASSERT_NE(a_, nullptr);
+    auto found = [&] {
+        for (const KnownDevice& d : a_->GetKnownDevices()) {
+            if (d.identity.networkId == helperId) {
+                return d;
+            }
+        }
+        return KnownDevice();
+    };
+    for (int i = 0; i < 200 && found().port == 0; ++i) {
+        recA_.Await([] { return false; }, 50ms);
+    }
+    KnownDevice seen = found();
+    EXPECT_EQ(seen.foundBy, DiscoverySource::DNS_SD);
+    EXPECT_EQ(seen.identity.deviceName, "helper");
+    EXPECT_EQ(seen.address, "10.231.7.2");
+    EXPECT_NE(seen.port, 0);
+    // What DNS-SD found is reached like any device: a pairing connection comes up over TLS.
+    std::string code;
+    EXPECT_EQ(a_->RequestPairing("helper", &code, &error), HOST_OK) << error;
 }
 
 }  // namespace

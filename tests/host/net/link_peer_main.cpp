@@ -1,5 +1,6 @@
 // A device link in its own process for tests: trusts on first use, dials the given static
 // peer, accepts every session, prints its network id and then waits until killed.
+// With "dns-sd" after the peer ("-" for none) it listens on every address and uses DNS-SD.
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,16 +23,20 @@ public:
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s STATE_DIR HOST:PORT\n", argv[0]);
+    if (argc != 3 && !(argc == 4 && std::string(argv[3]) == "dns-sd")) {
+        std::fprintf(stderr, "usage: %s STATE_DIR HOST:PORT|- [dns-sd]\n", argv[0]);
         return 2;
     }
+    bool dnsSd = argc == 4;
     QUEX::Tandra::NetBusConfig config;
     config.stateDir = argv[1];
     config.deviceName = "helper";
-    config.bindAddress = "127.0.0.1";
+    config.bindAddress = dnsSd ? "0.0.0.0" : "127.0.0.1";
     config.trustOnFirstUse = true;
-    config.staticPeers = {argv[2]};
+    config.dnsSd = dnsSd;
+    if (std::string(argv[2]) != "-") {
+        config.staticPeers = {argv[2]};
+    }
     std::string error;
     auto bus = QUEX::Tandra::NetSoftBus::Create(config, &error);
     AcceptAll listener;
