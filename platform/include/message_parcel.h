@@ -13,7 +13,8 @@
 //     RAW_DATA_INLINE_LIMIT bytes goes out of line, written into a sealed memfd (see
 //     raw_data_block.h) so that a transport passes it to another process as a descriptor.
 // Copies per raw byte: WriteRawData(pointer) copies once (inline: into the stream; out of
-// line: the kernel's write into the memfd); WriteRawData(buffer) and ReadRawData copy none;
+// line: the kernel's write into the memfd) unless the bytes are a block sealed in place
+// (RawDataBuffer), which is taken as it is; WriteRawData(buffer) and ReadRawData copy none;
 // CopyFrom shares the blocks.
 // Thread-safety: none; a parcel belongs to one thread at a time.
 #pragma once

@@ -125,6 +125,10 @@ bool MessageParcel::WriteRawData(const void* data, size_t size)
         }
         return true;
     }
+    // Bytes received in place into a sealed memfd go on as that memfd.
+    if (std::shared_ptr<const RawDataBlock> shared = RawDataBlock::FindShared(data, size)) {
+        return AppendRawBlock(std::move(shared));
+    }
     std::string error;
     std::shared_ptr<const RawDataBlock> block = RawDataBlock::FromBytes(data, size, &error);
     if (block == nullptr) {

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 
 namespace Vex {
 
@@ -25,12 +27,28 @@ std::string Errno(const char* what)
 // An empty block still needs a valid address, since ReadRawData returns non-null for it.
 const uint8_t EMPTY_BYTE = 0;
 
+// Blocks sealed in place, by address: weak, since a block lives as long as its users do.
+std::mutex registryMutex;
+std::map<const uint8_t*, std::weak_ptr<const RawDataBlock>>& Registry()
+{
+    static auto* registry = new std::map<const uint8_t*, std::weak_ptr<const RawDataBlock>>();
+    return *registry;
+}
+
 }  // namespace
 
 RawDataBlock::~RawDataBlock()
 {
+    if (registered_) {
+        std::lock_guard<std::mutex> lock(registryMutex);
+        auto it = Registry().find(data_);
+        // A block at the same address registered meanwhile keeps its entry.
+        if (it != Registry().end() && it->second.expired()) {
+            Registry().erase(it);
+        }
+    }
     if (mapped_) {
-        munmap(const_cast<uint8_t*>(data_), size_);
+        munmap(const_cast<uint8_t*>(data_), mappedLength_ != 0 ? mappedLength_ : size_);
     }
     if (fd_ >= 0) {
         close(fd_);
@@ -86,6 +104,32 @@ std::shared_ptr<const RawDataBlock> RawDataBlock::FromBytes(const void* data, si
     block->data_ = static_cast<const uint8_t*>(address);
     block->mapped_ = true;
     return block;
+}
+
+std::shared_ptr<const RawDataBlock> RawDataBlock::AdoptSealed(int fd, const uint8_t* mapped, size_t size,
+                                                              size_t mappedLength)
+{
+    std::shared_ptr<RawDataBlock> block(new RawDataBlock());
+    block->fd_ = fd;
+    block->data_ = mapped;
+    block->size_ = size;
+    block->mapped_ = true;
+    block->mappedLength_ = mappedLength;
+    block->registered_ = true;
+    std::lock_guard<std::mutex> lock(registryMutex);
+    Registry()[mapped] = block;
+    return block;
+}
+
+std::shared_ptr<const RawDataBlock> RawDataBlock::FindShared(const void* data, size_t size)
+{
+    std::lock_guard<std::mutex> lock(registryMutex);
+    auto it = Registry().find(static_cast<const uint8_t*>(data));
+    if (it == Registry().end()) {
+        return nullptr;
+    }
+    std::shared_ptr<const RawDataBlock> block = it->second.lock();
+    return block != nullptr && block->Size() == size ? block : nullptr;
 }
 
 std::shared_ptr<const RawDataBlock> RawDataBlock::Map(int fd, size_t size, std::string* error)

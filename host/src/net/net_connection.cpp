@@ -4,9 +4,18 @@
 #include <openssl/ssl.h>
 
 #include "net_identity.h"
+#include "net_log.h"
 
 namespace QUEX {
 namespace Tandra {
+
+namespace {
+// Data messages begin with their sender's own 8-byte header; what follows is the payload an
+// application gets, so that is what starts on a page of the shared memory.
+constexpr size_t DATA_HEADER_KEPT_APART = 8;
+// Below this a body is copied on cheaply; above it, it is received into shared memory.
+constexpr size_t SHARED_BODY_MIN = 256 * 1024;
+}  // namespace
 
 void SendCompletion::Finish(bool ok)
 {
@@ -26,7 +35,9 @@ bool SendCompletion::Wait()
 
 RxBody::~RxBody()
 {
-    if (release_ && data_) {
+    if (release_ && (data_ || shared_)) {
+        // The memory goes before the connection hears of it, so it may read the next body.
+        shared_.reset();
         release_(std::move(data_), capacity_);
     }
 }
@@ -164,7 +175,7 @@ void NetConnection::ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t cap
     {
         std::lock_guard<std::mutex> lock(bufferMutex_);
         --outstanding_;
-        if (capacity > spareCapacity_) {
+        if (buffer != nullptr && capacity > spareCapacity_) {
             spare_ = std::move(buffer);
             spareCapacity_ = capacity;
         }
@@ -181,10 +192,27 @@ void NetConnection::ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t cap
 void NetConnection::ReadBody(const FrameHeader& header)
 {
     size_t capacity = header.length;
-    if (header.type == FrameType::DATA_MESSAGE) {
+    char* target = nullptr;
+    if (header.type == FrameType::DATA_MESSAGE && header.length >= SHARED_BODY_MIN) {
+        std::string error;
+        readingShared_ = Vex::RawDataBuffer::Create(DATA_HEADER_KEPT_APART, header.length - DATA_HEADER_KEPT_APART,
+                                                    &error);
+        if (readingShared_ == nullptr) {
+            TNDR_LINK_LOGE("data message received into the heap: %{public}s", error.c_str());
+        } else {
+            std::lock_guard<std::mutex> lock(bufferMutex_);
+            ++outstanding_;
+            target = reinterpret_cast<char*>(readingShared_->Data());
+        }
+    }
+    if (target != nullptr) {
+        reading_.reset();
+    } else if (header.type == FrameType::DATA_MESSAGE) {
         reading_ = AcquireDataBuffer(header.length, &capacity);
+        target = reading_.get();
     } else {
         reading_.reset(header.length == 0 ? nullptr : new char[header.length]);
+        target = reading_.get();
     }
     readingCapacity_ = capacity;
     auto self = shared_from_this();
@@ -204,12 +232,27 @@ void NetConnection::ReadBody(const FrameHeader& header)
         bool isData = header.type == FrameType::DATA_MESSAGE;
         if (isData) {
             std::weak_ptr<NetConnection> weak = self;
-            body = std::make_shared<RxBody>(std::move(self->reading_), header.length, self->readingCapacity_,
-                                            [weak](std::unique_ptr<char[]> buffer, size_t capacity) {
-                                                if (auto conn = weak.lock()) {
-                                                    conn->ReleaseDataBuffer(std::move(buffer), capacity);
-                                                }
-                                            });
+            RxBody::Release release = [weak](std::unique_ptr<char[]> buffer, size_t capacity) {
+                if (auto conn = weak.lock()) {
+                    conn->ReleaseDataBuffer(std::move(buffer), capacity);
+                }
+            };
+            if (self->readingShared_ != nullptr) {
+                std::string error;
+                std::shared_ptr<const Vex::RawDataBlock> block = self->readingShared_->Seal(&error);
+                if (block == nullptr && !self->readingShared_->Readable()) {
+                    self->CloseOnStrand("received data message lost: " + error);
+                    return;
+                }
+                if (block == nullptr) {
+                    // Still readable: its payload is copied on like any other bytes.
+                    TNDR_LINK_LOGE("received data message not shareable: %{public}s", error.c_str());
+                }
+                body = std::make_shared<RxBody>(std::move(self->readingShared_), std::move(block), std::move(release));
+            } else {
+                body = std::make_shared<RxBody>(std::move(self->reading_), header.length, self->readingCapacity_,
+                                                std::move(release));
+            }
         } else {
             body = std::make_shared<RxBody>(std::move(self->reading_), header.length, header.length, nullptr);
         }
@@ -233,7 +276,7 @@ void NetConnection::ReadBody(const FrameHeader& header)
         asio::post(strand_, [finish] { finish(asio::error_code(), 0); });
         return;
     }
-    asio::async_read(stream_, asio::buffer(reading_.get(), header.length),
+    asio::async_read(stream_, asio::buffer(target, header.length),
                      [self, counted](const asio::error_code& ec, size_t n) -> size_t {
                          self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
                          *counted = n;

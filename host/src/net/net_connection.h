@@ -1,8 +1,12 @@
 // NetConnection: one TLS connection of the device link. It owns its stream on one strand (the
 // only place SSL_read/SSL_write run), reads frame after frame (header checked, then the body
 // read straight into its buffer) and writes frames from a queue, one write in flight.
-// Received data-message bodies come from a per-connection buffer that is reused; while two of
-// them wait for delivery, reading pauses (so a peer cannot make us buffer more).
+// Received data-message bodies: a large one is read straight into a memfd (RawDataBuffer, its
+// first 8 bytes - the message's own header - kept apart) and sealed once complete, so that its
+// payload travels on to an application as that memfd without a copy and leaves this process's
+// resident set as soon as it is sealed; a small one goes into a per-connection heap buffer that
+// is reused. While two bodies wait for delivery, reading pauses (so a peer cannot make us
+// buffer more). Copies per received byte: one (the decryption into the body).
 // A write that makes no progress for the stall deadline (the peer stopped reading) closes the
 // connection, so a sender never waits for ever on a peer that still answers heartbeats.
 // Thread-safety: Send, Close and the counters may be called from any thread; handlers run on
@@ -21,6 +25,7 @@
 #include <string>
 
 #include "net_frame.h"
+#include "raw_data_buffer.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -38,27 +43,39 @@ private:
     int state_ = 0;  // 0 pending, 1 written, 2 failed
 };
 
-// A received body. Data-message bodies go back to their connection's buffer when released.
+// A received body. Data-message bodies go back to their connection when released: a heap
+// buffer for reuse, a shared one (release gets null) to let reading go on.
 class RxBody {
 public:
+    using Release = std::function<void(std::unique_ptr<char[]>, size_t)>;
     RxBody() = default;
-    RxBody(std::unique_ptr<char[]> data, size_t len, size_t capacity,
-           std::function<void(std::unique_ptr<char[]>, size_t)> release)
+    RxBody(std::unique_ptr<char[]> data, size_t len, size_t capacity, Release release)
         : data_(std::move(data)), len_(len), capacity_(capacity), release_(std::move(release))
+    {
+    }
+    // A body read into shared memory; block (may be null) is its sealed payload, kept alive
+    // while the body is so that a parcel written from data() finds it.
+    RxBody(std::unique_ptr<Vex::RawDataBuffer> shared, std::shared_ptr<const Vex::RawDataBlock> block, Release release)
+        : len_(shared->Size()), shared_(std::move(shared)), block_(std::move(block)), release_(std::move(release))
     {
     }
     ~RxBody();
     RxBody(RxBody&&) = default;
     RxBody& operator=(RxBody&&) = delete;
     RxBody(const RxBody&) = delete;
-    const char* data() const { return data_.get(); }
+    const char* data() const
+    {
+        return shared_ != nullptr ? reinterpret_cast<const char*>(shared_->Data()) : data_.get();
+    }
     size_t size() const { return len_; }
 
 private:
     std::unique_ptr<char[]> data_;
     size_t len_ = 0;
     size_t capacity_ = 0;
-    std::function<void(std::unique_ptr<char[]>, size_t)> release_;
+    std::unique_ptr<Vex::RawDataBuffer> shared_;
+    std::shared_ptr<const Vex::RawDataBlock> block_;
+    Release release_;
 };
 
 class NetConnection : public std::enable_shared_from_this<NetConnection> {
@@ -135,8 +152,9 @@ private:
     std::unique_ptr<char[]> spare_;
     size_t spareCapacity_ = 0;
     int outstanding_ = 0;
-    std::unique_ptr<char[]> reading_;  // the body being read
+    std::unique_ptr<char[]> reading_;  // the body being read (heap)
     size_t readingCapacity_ = 0;
+    std::unique_ptr<Vex::RawDataBuffer> readingShared_;  // the body being read (shared memory)
 
     std::atomic<uint64_t> bytesIn_{0};
     std::atomic<uint64_t> bytesOut_{0};
