@@ -108,6 +108,8 @@ int Daemon::Start(std::string* error)
     busConfig.staticPeers = config_.staticPeers;
     busConfig.interfaceName = config_.interfaceName;
     busConfig.trustOnFirstUse = config_.trustOnFirstUse;
+    // Photos go on to the applications as raw data.
+    busConfig.shareableDataBodies = true;
     bus_ = NetSoftBus::Create(busConfig, error);
     if (bus_ == nullptr) {
         return 1;

@@ -47,6 +47,7 @@ enum class FrameRole : uint8_t { HANDSHAKE, CONTROL, DATA };
 struct FrameLimits {
     uint32_t maxControlBody = 4u << 20;   // control messages and command texts
     uint32_t maxDataBody = 1u << 30;      // one data message
+    bool shareableDataBodies = false;     // large data messages received into sealed memfds
     static constexpr uint32_t MAX_META_BODY = 64u << 10;  // hello and ability lists
 };
 

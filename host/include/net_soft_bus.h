@@ -64,6 +64,10 @@ struct NetBusConfig {
     std::chrono::milliseconds pairingTimeout{120000};
     uint32_t maxControlMessage = 4u << 20;
     uint32_t maxDataMessage = 1u << 30;
+    // Large data messages are received into memfds sealed in place, for a listener that passes
+    // them on to another process as raw data (no copy there, and not resident here once sealed);
+    // a fresh memfd per message costs more than the reused heap buffer a local reader needs.
+    bool shareableDataBodies = false;
 };
 
 class NetSoftBus : public SoftBus {

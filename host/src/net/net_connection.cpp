@@ -193,7 +193,7 @@ void NetConnection::ReadBody(const FrameHeader& header)
 {
     size_t capacity = header.length;
     char* target = nullptr;
-    if (header.type == FrameType::DATA_MESSAGE && header.length >= SHARED_BODY_MIN) {
+    if (header.type == FrameType::DATA_MESSAGE && limits_.shareableDataBodies && header.length >= SHARED_BODY_MIN) {
         std::string error;
         readingShared_ = Vex::RawDataBuffer::Create(DATA_HEADER_KEPT_APART, header.length - DATA_HEADER_KEPT_APART,
                                                     &error);

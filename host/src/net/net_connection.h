@@ -1,12 +1,12 @@
 // NetConnection: one TLS connection of the device link. It owns its stream on one strand (the
 // only place SSL_read/SSL_write run), reads frame after frame (header checked, then the body
 // read straight into its buffer) and writes frames from a queue, one write in flight.
-// Received data-message bodies: a large one is read straight into a memfd (RawDataBuffer, its
-// first 8 bytes - the message's own header - kept apart) and sealed once complete, so that its
-// payload travels on to an application as that memfd without a copy and leaves this process's
-// resident set as soon as it is sealed; a small one goes into a per-connection heap buffer that
-// is reused. While two bodies wait for delivery, reading pauses (so a peer cannot make us
-// buffer more). Copies per received byte: one (the decryption into the body).
+// Received data-message bodies: when the limits ask for it, a large one is read straight into
+// a memfd (RawDataBuffer, its first 8 bytes - the message's own header - kept apart) and sealed
+// once complete, so that its payload travels on to an application as that memfd without a copy
+// and leaves this process's resident set once sealed; otherwise a body goes into a
+// per-connection heap buffer that is reused. While two bodies wait for delivery, reading pauses
+// (so a peer cannot make us buffer more). Copies per received byte: one (the decryption).
 // A write that makes no progress for the stall deadline (the peer stopped reading) closes the
 // connection, so a sender never waits for ever on a peer that still answers heartbeats.
 // Thread-safety: Send, Close and the counters may be called from any thread; handlers run on

@@ -208,6 +208,7 @@ struct NetSoftBus::Impl {
     {
         limits.maxControlBody = cfg.maxControlMessage;
         limits.maxDataBody = cfg.maxDataMessage;
+        limits.shareableDataBodies = cfg.shareableDataBodies;
     }
 
     // Configuration and identity: fixed after Create.
