@@ -7,10 +7,12 @@
 #
 #   bench/e2e/run.sh [--sizes "1 8 32 128"] [--batches "1 10"] [--runs 3] [--latency-runs 5] [--no-build]
 #
-# MB/s end to end = bytes of the batch / (last saved file's mtime - last camera file's mtime):
-# from the moment the camera application's photos are on disk to the moment the requesting
-# application has written the last of them; nothing is warmed up, every run is a new
-# collaboration. The median of --runs runs is shown, and the first run on its own.
+# MB/s end to end = bytes of the batch / (last saved file's ctime - last camera file's ctime):
+# from the moment the camera application's last photo is complete on disk to the moment the
+# requesting application's last photo has its final name. Both applications write a temporary
+# and rename it, and the rename sets the ctime, so both ends are "file complete"; the mtime is
+# set as a write starts and would leave the last file's whole write out. Nothing is warmed up,
+# every run is a new collaboration. The median of --runs runs is shown, and the first run on its own.
 # Peak RSS: the daemons' VmHWM read from /proc before they stop; the two applications write
 # theirs as they exit (bench/e2e/peak_rss_preload.cpp, preloaded). Largest over the runs.
 set -euo pipefail
@@ -149,8 +151,8 @@ max_rss_file_mib() {  # folder name-prefix
     if ((best == 0)); then echo "?"; else echo $(((best + 512) / 1024)); fi
 }
 
-latest_mtime() {  # folder
-    find "$1" -maxdepth 1 -type f ! -name '.*' -printf '%T@\n' | sort -n | tail -1
+latest_ctime() {  # folder
+    find "$1" -maxdepth 1 -type f ! -name '.*' -printf '%C@\n' | sort -n | tail -1
 }
 
 median() {  # numbers...
@@ -172,8 +174,8 @@ take_batch() {
     local sent
     sent=$(find "$work/B/camera" -maxdepth 1 -type f ! -name '.*' -printf '%s\n' | awk '{ s += $1 } END { print s }')
     ((bytes == sent)) || fail "the camera made $sent bytes of photos but $bytes were saved"
-    start=$(latest_mtime "$work/B/camera")
-    end=$(latest_mtime "$work/out")
+    start=$(latest_ctime "$work/B/camera")
+    end=$(latest_ctime "$work/out")
     awk -v b="$bytes" -v s="$start" -v e="$end" 'BEGIN { printf "%.1f", b / 1048576 / (e - s) }'
 }
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <utility>
 
+#include "photo_bytes.h"
+
 namespace QUEX {
 namespace Tandra {
 
@@ -67,7 +69,7 @@ struct PhotoParam {
 
     explicit PhotoParam(uint32_t requestType) : requestType(requestType) {}
     // Replaces (and frees) the previous buffer; capacity is the new one's size in bytes.
-    void SetBuffer(std::unique_ptr<char[]> newBuffer, uint32_t newCapacity = 0)
+    void SetBuffer(PhotoBytes newBuffer, uint32_t newCapacity = 0)
     {
         buffer = std::move(newBuffer);
         capacity = buffer != nullptr ? newCapacity : 0;
@@ -77,7 +79,7 @@ struct PhotoParam {
     uint32_t code = 0;
     uint32_t photoLength = 0;
     uint32_t totalLength = 0;
-    std::unique_ptr<char[]> buffer;  // header (8 bytes) then the file content
+    PhotoBytes buffer;               // header (8 bytes) then the file content
     uint32_t capacity = 0;           // bytes the buffer holds; later photos of a batch reuse it
 };
 

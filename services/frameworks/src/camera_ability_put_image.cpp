@@ -224,10 +224,10 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
     const uint32_t totalLength = length + CAMERA_MSG_HEADER_LEN;
     // The batch's photos share one buffer: a fresh one costs a page fault per page, far more
     // than the read into it. A larger photo replaces it, the previous one going first so that
-    // at most one photo is held at a time. Not value-initialised: the read overwrites it.
+    // at most one photo is held at a time. Its pages are taken in one call, not faulted in by the read.
     if (param->buffer == nullptr || param->capacity < totalLength) {
         param->SetBuffer(nullptr);
-        param->SetBuffer(std::unique_ptr<char[]>(new (std::nothrow) char[totalLength]), totalLength);
+        param->SetBuffer(AllocatePhotoBytes(totalLength), totalLength);
     }
     if (param->buffer == nullptr) {
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
