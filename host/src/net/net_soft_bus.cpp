@@ -31,6 +31,10 @@ using asio::ip::udp;
 constexpr size_t MAX_PEERS = 256;
 constexpr size_t MAX_CONNECTIONS = 256;
 constexpr int MAX_OPENINGS_PER_PEER = 32;
+// Pairings waiting for the users' confirmation at once. Anyone can make a certificate, so
+// without a cap a stranger could fill every connection slot with pairings for the whole
+// pairing deadline and lock the paired devices out.
+constexpr size_t MAX_WAITING_PAIRINGS = 4;
 constexpr size_t MAX_SESSIONS_PER_PEER = 4096;
 constexpr size_t MAX_PENDING_DELIVERY = 64u << 20;
 // PAIR_CONFIRM's b: the sender gave up waiting for its user, so its "no" is not a refusal.
@@ -783,6 +787,14 @@ struct NetSoftBus::Impl {
         }
         if (!trusted) {
             bool wePair = info.plan && info.plan->pairing;
+            if (!wePair && hello.pairing && !peer->pairConn && WaitingPairings() >= MAX_WAITING_PAIRINGS) {
+                info.state = ConnState::REFUSED;
+                TNDR_LINK_LOGE("refused pairing with %{public}s: %{public}zu pairings already wait for "
+                               "confirmation; confirm or decline them (or let them time out), then pair again",
+                               Describe(*peer).c_str(), MAX_WAITING_PAIRINGS);
+                conn->Close("refused: too many pairings waiting");
+                return;
+            }
             if (wePair || hello.pairing) {
                 if (peer->pairConn && peer->pairConn != conn) {
                     peer->pairConn->Close("replaced by a newer pairing");
@@ -805,6 +817,15 @@ struct NetSoftBus::Impl {
             return;
         }
         OnTrustedControl(peer, conn);
+    }
+
+    size_t WaitingPairings() const
+    {
+        size_t waiting = 0;
+        for (const auto& entry : peers) {
+            waiting += entry.second->pairConn ? 1 : 0;
+        }
+        return waiting;
     }
 
     void OnPairingFrame(const std::shared_ptr<Peer>& peer, const std::shared_ptr<NetConnection>& conn,

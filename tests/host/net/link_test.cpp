@@ -230,6 +230,63 @@ INSTANTIATE_TEST_SUITE_P(Rows, PairingTimeoutTest,
                                            PairingTimeoutRow{"OnlyTheRequesterConfirms", true}),
                          [](const ::testing::TestParamInfo<PairingTimeoutRow>& info) { return info.param.name; });
 
+// Anyone can make a certificate and ask to pair: only a few pairings wait for the users at
+// once, so strangers cannot hold every connection slot for the whole pairing deadline.
+TEST_F(LinkTest, OnlyAFewPairingsWaitForConfirmationAtOnce)
+{
+    a_ = Make("A", false, recA_);
+    idA_ = a_->GetLocalIdentity().networkId;
+    const std::string at = "127.0.0.1:" + std::to_string(a_->GetPort());
+    constexpr int STRANGERS = 5;
+    std::vector<std::unique_ptr<LinkRecorder>> recorders;
+    std::vector<std::unique_ptr<NetSoftBus>> strangers;
+    auto ask = [&](int i) {
+        std::string code;
+        std::string error;
+        int32_t asked = HOST_ERR_NO_DEVICE;
+        for (int tries = 0; tries < 100 && asked != HOST_OK; ++tries) {
+            asked = strangers[i]->RequestPairing("A", &code, &error);
+            if (asked != HOST_OK) {
+                recA_.Await([] { return false; }, 50ms);
+            }
+        }
+        return asked;
+    };
+    for (int i = 0; i < STRANGERS; ++i) {
+        recorders.push_back(std::make_unique<LinkRecorder>());
+        strangers.push_back(Make("S" + std::to_string(i), false, *recorders.back(), {at}));
+    }
+    for (int i = 0; i < STRANGERS - 1; ++i) {
+        ASSERT_EQ(ask(i), HOST_OK) << i;
+        ASSERT_TRUE(recA_.Await([&] { return recA_.CodesLocked().size() == static_cast<size_t>(i + 1); })) << i;
+    }
+    const std::string last = strangers.back()->GetLocalIdentity().networkId;
+    auto knowsA = [&] {
+        for (const KnownDevice& d : strangers.back()->GetKnownDevices()) {
+            if (d.identity.networkId == idA_) {
+                return true;
+            }
+        }
+        return false;
+    };
+    ASSERT_TRUE(recA_.Await([&] { return knowsA(); }));
+    // A closes the fifth at its hello: the asker hears a failure, or a pairing that ends unconfirmed.
+    std::string code;
+    std::string refused;
+    if (strangers.back()->RequestPairing("A", &code, &refused) == HOST_OK) {
+        ASSERT_TRUE(recorders.back()->Await([&] { return recorders.back()->PairResultsLocked().count(idA_) != 0; }));
+        EXPECT_FALSE(recorders.back()->PairingResults()[idA_]);
+    }
+    recA_.Await([] { return false; }, 300ms);
+    EXPECT_EQ(recA_.PairingCodes().count(last), 0u) << "a fifth pairing was put to the user";
+
+    // Declining one frees its place.
+    std::string error;
+    ASSERT_EQ(a_->ConfirmPairing("S0", false, &error), HOST_OK) << error;
+    ASSERT_EQ(ask(STRANGERS - 1), HOST_OK);
+    EXPECT_TRUE(recA_.Await([&] { return recA_.CodesLocked().count(last) != 0; }));
+}
+
 TEST_F(LinkTest, HostileAnnouncementsAreIgnoredAndDiscoveryGoesOn)
 {
     uint16_t discovery = FreeUdpPort();
