@@ -61,8 +61,8 @@ struct NetConnection::TxItem {
 
 NetConnection::NetConnection(asio::io_context& io, asio::ssl::context& ssl, asio::ip::tcp::socket socket, bool dialed,
                              FrameLimits limits, std::chrono::milliseconds writeStall)
-    : stream_(std::move(socket), ssl),
-      strand_(asio::make_strand(io)),
+    : strand_(asio::make_strand(io)),
+      stream_(std::make_shared<TlsStream>(std::move(socket), ssl.native_handle(), strand_)),
       deadline_(io),
       stallTimer_(io),
       writeStall_(writeStall),
@@ -94,7 +94,7 @@ void NetConnection::Start(std::chrono::milliseconds handshakeDeadline, ReadyHand
         self->onFrame_ = std::move(frame);
         self->onClosed_ = std::move(closed);
         asio::error_code ec;
-        auto remote = self->stream_.lowest_layer().remote_endpoint(ec);
+        auto remote = self->stream_->Socket().remote_endpoint(ec);
         if (!ec) {
             self->remoteAddress_ = remote.address().to_string();
         }
@@ -105,9 +105,7 @@ void NetConnection::Start(std::chrono::milliseconds handshakeDeadline, ReadyHand
                 self->CloseOnStrand("no TLS handshake and hello within the deadline");
             }
         }));
-        auto type = self->dialed_ ? asio::ssl::stream_base::client : asio::ssl::stream_base::server;
-        self->stream_.async_handshake(
-            type, asio::bind_executor(self->strand_, [self, ready = std::move(ready)](const asio::error_code& e) {
+        self->stream_->AsyncHandshake(self->dialed_, [self, ready = std::move(ready)](const asio::error_code& e) {
                 if (self->closed_) {
                     return;
                 }
@@ -115,10 +113,10 @@ void NetConnection::Start(std::chrono::milliseconds handshakeDeadline, ReadyHand
                     self->CloseOnStrand("TLS handshake failed: " + e.message());
                     return;
                 }
-                X509* cert = SSL_get1_peer_certificate(self->stream_.native_handle());
+                X509* cert = SSL_get1_peer_certificate(self->stream_->NativeHandle());
                 self->peerFingerprint_ = NetIdentity::FingerprintOf(cert);
                 X509_free(cert);
-                if (self->peerFingerprint_.empty() || SSL_version(self->stream_.native_handle()) != TLS1_3_VERSION) {
+                if (self->peerFingerprint_.empty() || SSL_version(self->stream_->NativeHandle()) != TLS1_3_VERSION) {
                     self->CloseOnStrand("the peer presented no certificate or not TLS 1.3");
                     return;
                 }
@@ -127,21 +125,21 @@ void NetConnection::Start(std::chrono::milliseconds handshakeDeadline, ReadyHand
                 if (!self->closed_) {
                     self->ReadHeader();
                 }
-            }));
+            });
     });
 }
 
 void NetConnection::ReadHeader()
 {
     auto self = shared_from_this();
-    asio::async_read(stream_, asio::buffer(header_),
-                     asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
+    stream_->AsyncRead(reinterpret_cast<char*>(header_), sizeof header_, nullptr,
+                     [self](const asio::error_code& ec, size_t n) {
                          if (self->closed_) {
                              return;
                          }
                          self->bytesIn_.fetch_add(n, std::memory_order_relaxed);
                          if (ec) {
-                             bool eof = ec == asio::error::eof || ec == asio::ssl::error::stream_truncated;
+                             bool eof = ec == asio::error::eof;
                              self->CloseOnStrand(eof ? "the peer closed the connection"
                                                      : "read failed: " + ec.message());
                              return;
@@ -154,17 +152,24 @@ void NetConnection::ReadHeader()
                              return;
                          }
                          self->ReadBody(header);
-                     }));
+                     });
 }
 
 std::unique_ptr<char[]> NetConnection::AcquireDataBuffer(size_t len, size_t* capacity)
 {
     std::lock_guard<std::mutex> lock(bufferMutex_);
     ++outstanding_;
-    if (spare_ && spareCapacity_ >= len) {
-        *capacity = spareCapacity_;
-        spareCapacity_ = 0;
-        return std::move(spare_);
+    // The smallest spare that fits, so that a large one stays for a large body.
+    Spare* best = nullptr;
+    for (Spare& spare : spares_) {
+        if (spare.buffer != nullptr && spare.capacity >= len && (best == nullptr || spare.capacity < best->capacity)) {
+            best = &spare;
+        }
+    }
+    if (best != nullptr) {
+        *capacity = best->capacity;
+        best->capacity = 0;
+        return std::move(best->buffer);
     }
     *capacity = len;
     return std::unique_ptr<char[]>(new char[len]);
@@ -175,9 +180,19 @@ void NetConnection::ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t cap
     {
         std::lock_guard<std::mutex> lock(bufferMutex_);
         --outstanding_;
-        if (buffer != nullptr && capacity > spareCapacity_) {
-            spare_ = std::move(buffer);
-            spareCapacity_ = capacity;
+        // Into an empty slot, else in place of the smallest spare if this one is larger.
+        Spare* slot = &spares_[0];
+        for (Spare& spare : spares_) {
+            if (spare.buffer == nullptr || spare.capacity < slot->capacity) {
+                slot = &spare;
+                if (spare.buffer == nullptr) {
+                    break;
+                }
+            }
+        }
+        if (buffer != nullptr && (slot->buffer == nullptr || capacity > slot->capacity)) {
+            slot->buffer = std::move(buffer);
+            slot->capacity = capacity;
         }
     }
     auto self = shared_from_this();
@@ -276,14 +291,13 @@ void NetConnection::ReadBody(const FrameHeader& header)
         asio::post(strand_, [finish] { finish(asio::error_code(), 0); });
         return;
     }
-    asio::async_read(stream_, asio::buffer(target, header.length),
-                     [self, counted](const asio::error_code& ec, size_t n) -> size_t {
-                         self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
-                         *counted = n;
-                         self->Touch();
-                         return ec ? 0 : 1u << 20;
-                     },
-                     asio::bind_executor(strand_, std::move(finish)));
+    stream_->AsyncRead(target, header.length,
+                       [self, counted](size_t n) {
+                           self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
+                           *counted = n;
+                           self->Touch();
+                       },
+                       std::move(finish));
 }
 
 void NetConnection::SendBorrowed(const FrameHeader& header, const char* body, size_t len,
@@ -332,22 +346,22 @@ void NetConnection::WriteNext()
         return;
     }
     writing_ = true;
-    std::array<asio::const_buffer, 2> buffers;
+    const char* first = reinterpret_cast<const char*>(item.header);
+    size_t firstLen = sizeof item.header;
+    const char* second = item.body;
+    size_t secondLen = item.len;
     if (item.owned) {
-        buffers = {asio::buffer(item.owned.get(), item.ownedLen), asio::const_buffer()};
-    } else {
-        buffers = {asio::buffer(item.header), asio::buffer(item.body, item.len)};
+        first = item.owned.get();
+        firstLen = item.ownedLen;
+        second = nullptr;
+        secondLen = 0;
     }
     auto self = shared_from_this();
     lastWriteProgress_ = std::chrono::steady_clock::now();
     ArmStallTimer();
-    // The completion condition runs on the strand after each partial write: that is progress.
-    auto progress = [self, all = asio::transfer_all()](const asio::error_code& ec, size_t n) mutable {
-        self->lastWriteProgress_ = std::chrono::steady_clock::now();
-        return all(ec, n);
-    };
-    asio::async_write(stream_, buffers, std::move(progress),
-                      asio::bind_executor(strand_, [self](const asio::error_code& ec, size_t n) {
+    auto progress = [self](size_t) { self->lastWriteProgress_ = std::chrono::steady_clock::now(); };
+    stream_->AsyncWrite(first, firstLen, second, secondLen, std::move(progress),
+                      [self](const asio::error_code& ec, size_t n) {
                           self->writing_ = false;
                           self->bytesOut_.fetch_add(n, std::memory_order_relaxed);
                           if (self->closed_) {
@@ -364,7 +378,7 @@ void NetConnection::WriteNext()
                               done->done->Finish(true);
                           }
                           self->WriteNext();
-                      }));
+                      });
 }
 
 // One timer per connection, re-armed from the last progress rather than per write, so that a
@@ -430,8 +444,8 @@ void NetConnection::CloseOnStrand(std::string reason)
         closed(shared_from_this(), reason);
     }
     asio::error_code ignored;
-    stream_.lowest_layer().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
-    stream_.lowest_layer().close(ignored);
+    stream_->Socket().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    stream_->Socket().close(ignored);
 }
 
 }  // namespace Tandra

@@ -14,7 +14,7 @@
 #pragma once
 
 #include <asio.hpp>
-#include <asio/ssl.hpp>
+#include <asio/ssl/context.hpp>
 
 #include <atomic>
 #include <condition_variable>
@@ -26,6 +26,7 @@
 
 #include "net_frame.h"
 #include "raw_data_buffer.h"
+#include "tls_stream.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -80,7 +81,6 @@ private:
 
 class NetConnection : public std::enable_shared_from_this<NetConnection> {
 public:
-    using Stream = asio::ssl::stream<asio::ip::tcp::socket>;
     using ReadyHandler = std::function<void(const std::shared_ptr<NetConnection>&)>;
     using FrameHandler = std::function<void(const std::shared_ptr<NetConnection>&, const FrameHeader&,
                                             std::shared_ptr<RxBody>)>;
@@ -127,8 +127,8 @@ private:
     std::unique_ptr<char[]> AcquireDataBuffer(size_t len, size_t* capacity);
     void ReleaseDataBuffer(std::unique_ptr<char[]> buffer, size_t capacity);
 
-    Stream stream_;
     asio::strand<asio::io_context::executor_type> strand_;
+    std::shared_ptr<TlsStream> stream_;
     asio::steady_timer deadline_;
     asio::steady_timer stallTimer_;
     const std::chrono::milliseconds writeStall_;
@@ -147,10 +147,14 @@ private:
     bool closed_ = false;
     bool readParked_ = false;
 
-    // Data buffers: a spare kept for reuse and how many are out waiting for delivery.
+    // Data buffers: spares kept for reuse and how many are out waiting for delivery. As many
+    // spares as bodies may be out at once, so that two released together both stay.
+    struct Spare {
+        std::unique_ptr<char[]> buffer;
+        size_t capacity = 0;
+    };
     std::mutex bufferMutex_;
-    std::unique_ptr<char[]> spare_;
-    size_t spareCapacity_ = 0;
+    Spare spares_[2];
     int outstanding_ = 0;
     std::unique_ptr<char[]> reading_;  // the body being read (heap)
     size_t readingCapacity_ = 0;
