@@ -30,7 +30,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr size_t TOTAL = 512u << 20;  // bytes moved per measurement
+constexpr size_t TOTAL = 256u << 20;  // bytes moved per measurement
+constexpr int ROUNDS = 7;
 
 class Sink : public SoftBusListener {
 public:
@@ -117,13 +118,17 @@ int Connect(uint16_t port)
     return fd;
 }
 
-// One stream of `count` messages of `size` bytes, the receiver reading each into one reused
-// buffer: raw TCP when the contexts are null, else TLS 1.3 with the given certificates.
-double Stream(size_t size, size_t count, SSL_CTX* serverCtx, SSL_CTX* clientCtx, const char* buffer)
+// One stream of `count` messages of `size` bytes, the receiver reading each into `in` (reused
+// and already touched, as the link's receiver reuses its buffer): raw TCP when the contexts are
+// null, else TLS 1.3 with the given certificates. The clock starts once both ends are ready.
+double Stream(size_t size, size_t count, SSL_CTX* serverCtx, SSL_CTX* clientCtx, const char* buffer, char* in)
 {
     uint16_t port = 0;
     int lfd = Listener(&port);
     Clock::time_point end;
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool ready = false;
     std::thread server([&] {
         int fd = ::accept(lfd, nullptr, nullptr);
         SSL* ssl = nullptr;
@@ -132,14 +137,16 @@ double Stream(size_t size, size_t count, SSL_CTX* serverCtx, SSL_CTX* clientCtx,
             SSL_set_fd(ssl, fd);
             SSL_accept(ssl);
         }
-        std::unique_ptr<char[]> in(new char[size]);
-        std::memset(in.get(), 0, size);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            ready = true;
+            cv.notify_all();
+        }
         for (size_t m = 0; m < count; ++m) {
             size_t have = 0;
             while (have < size) {
                 int want = static_cast<int>(std::min<size_t>(size - have, 1u << 30));
-                int n = ssl != nullptr ? SSL_read(ssl, in.get() + have, want)
-                                       : static_cast<int>(::read(fd, in.get() + have, want));
+                int n = ssl != nullptr ? SSL_read(ssl, in + have, want) : static_cast<int>(::read(fd, in + have, want));
                 if (n <= 0) {
                     break;
                 }
@@ -156,6 +163,10 @@ double Stream(size_t size, size_t count, SSL_CTX* serverCtx, SSL_CTX* clientCtx,
         ssl = SSL_new(clientCtx);
         SSL_set_fd(ssl, fd);
         SSL_connect(ssl);
+    }
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        cv.wait(lock, [&] { return ready; });
     }
     Clock::time_point start = Clock::now();
     for (size_t m = 0; m < count; ++m) {
@@ -175,6 +186,12 @@ double Stream(size_t size, size_t count, SSL_CTX* serverCtx, SSL_CTX* clientCtx,
     ::close(fd);
     ::close(lfd);
     return MBps(size * count, end - start);
+}
+
+double Median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
 }
 
 SSL_CTX* Context(const NetIdentity& id, bool server)
@@ -239,32 +256,48 @@ int main(int argc, char** argv)
     SSL_CTX* serverCtx = Context(*idServer, true);
     SSL_CTX* clientCtx = Context(*idClient, false);
 
-    std::printf("Device link throughput on loopback (%zu MiB per row, same run)\n", TOTAL >> 20);
-    std::printf("%-10s %12s %12s %12s %10s %10s\n", "message", "link MB/s", "TLS MB/s", "TCP MB/s", "vs TLS",
-                "vs TCP");
+    // The three are measured in turn, round after round, and each column gives its median:
+    // on a shared machine a neighbour's burst then spoils one round of one column, not the row.
+    std::printf("Device link throughput on loopback (%d rounds of %zu MiB per column, interleaved; medians)\n",
+                ROUNDS, TOTAL >> 20);
+    std::printf("%-10s %12s %12s %12s %10s %10s %22s\n", "message", "link MB/s", "TLS MB/s", "TCP MB/s", "vs TLS",
+                "vs TCP", "link min..max MB/s");
+    std::unique_ptr<char[]> in(new char[size_t{64} << 20]);
+    std::memset(in.get(), 0, size_t{64} << 20);
     for (size_t size : {size_t{8} << 20, size_t{64} << 20}) {
         size_t count = TOTAL / size;
-        // Warm the receiving buffer and the connection once.
+        // Warm the receiving buffers and the connection once.
         a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, true);
-        sinkB.WaitMessages(sinkB.messages + 1);
-        size_t before;
-        {
-            std::lock_guard<std::mutex> lock(sinkB.mutex);
-            before = sinkB.messages;
-        }
-        double link = 0;
-        if (wanted("link")) {
-            Clock::time_point start = Clock::now();
-            for (size_t m = 0; m < count; ++m) {
-                a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, m == 0);
+        a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, true);
+        sinkB.WaitMessages(sinkB.messages + 2);
+        std::vector<double> links, tlss, tcps;
+        for (int round = 0; round < ROUNDS; ++round) {
+            if (wanted("link")) {
+                size_t before;
+                {
+                    std::lock_guard<std::mutex> lock(sinkB.mutex);
+                    before = sinkB.messages;
+                }
+                Clock::time_point start = Clock::now();
+                for (size_t m = 0; m < count; ++m) {
+                    a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, m == 0);
+                }
+                sinkB.WaitMessages(before + count);
+                links.push_back(MBps(size * count, sinkB.dataAt - start));
             }
-            sinkB.WaitMessages(before + count);
-            link = MBps(size * count, sinkB.dataAt - start);
+            if (wanted("tls")) {
+                tlss.push_back(Stream(size, count, serverCtx, clientCtx, buffer.get(), in.get()));
+            }
+            if (wanted("tcp")) {
+                tcps.push_back(Stream(size, count, nullptr, nullptr, buffer.get(), in.get()));
+            }
         }
-        double tls = wanted("tls") ? Stream(size, count, serverCtx, clientCtx, buffer.get()) : 0;
-        double tcp = wanted("tcp") ? Stream(size, count, nullptr, nullptr, buffer.get()) : 0;
-        std::printf("%7zu MiB %12.0f %12.0f %12.0f %9.2fx %9.2fx\n", size >> 20, link, tls, tcp, link / tls,
-                    link / tcp);
+        double link = Median(links);
+        double tls = Median(tlss);
+        double tcp = Median(tcps);
+        std::sort(links.begin(), links.end());
+        std::printf("%7zu MiB %12.0f %12.0f %12.0f %9.2fx %9.2fx %10.0f..%-10.0f\n", size >> 20, link, tls, tcp,
+                    link / tls, link / tcp, links.empty() ? 0 : links.front(), links.empty() ? 0 : links.back());
     }
     std::printf("targets: >= 0.80x plain TLS, >= 0.50x raw TCP\n\n");
     if (!only.empty()) {

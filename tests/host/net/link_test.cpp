@@ -446,6 +446,29 @@ TEST_F(LinkTest, ABigDataMessageArrivesWholeAndDoesNotHoldBackAControlMessage)
     EXPECT_EQ(photoEvent.session.sessionId, ids.second);
 }
 
+// The receiver goes away under a photo that is still being written: the sender's wait ends in
+// an error and the link is reported lost, rather than the write waiting on a dead socket.
+TEST_F(LinkTest, APeerThatGoesAwayMidPhotoFailsTheSendAndOnlyThat)
+{
+    StartLinkedPair();
+    auto ids = OpenSession();
+    SessionAttribute attr{};
+    auto channel = a_->OpenDataChannel(idB_, attr);
+    ASSERT_EQ(channel.first, HOST_OK);
+    const size_t size = 128u << 20;
+    std::unique_ptr<char[]> photo(new char[size]);
+    FillPattern(photo.get(), size, 7);
+
+    int32_t sent = HOST_OK;
+    std::thread sender([&] { sent = a_->SendDataMessage(channel.second, ids.first, photo.get(), size, 2, true); });
+    ASSERT_TRUE(recB_.Await([&] { return b_->GetLinkStats(idA_).dataBytesIn > (4u << 20); }, 60s));
+    b_->Stop();  // closes with unread bytes queued: the kernel answers A's next segment with a reset
+    sender.join();
+    EXPECT_NE(sent, HOST_OK) << "the photo cannot have arrived whole";
+    EXPECT_TRUE(recA_.Await([&] { return recA_.LostLocked(idB_) == 1; }));
+    EXPECT_EQ(recB_.Count("data"), 0u);
+}
+
 TEST_F(LinkTest, AKilledPeerProcessIsSeenAsLinkLossAtOnce)
 {
     a_ = Make("A", true, recA_);
