@@ -267,9 +267,14 @@ int main(int argc, char** argv)
     for (size_t size : {size_t{8} << 20, size_t{64} << 20}) {
         size_t count = TOTAL / size;
         // Warm the receiving buffers and the connection once.
+        size_t warm;
+        {
+            std::lock_guard<std::mutex> lock(sinkB.mutex);
+            warm = sinkB.messages;
+        }
         a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, true);
         a->SendDataMessage(channel.second, session.second, buffer.get(), size, 2, true);
-        sinkB.WaitMessages(sinkB.messages + 2);
+        sinkB.WaitMessages(warm + 2);
         std::vector<double> links, tlss, tcps;
         for (int round = 0; round < ROUNDS; ++round) {
             if (wanted("link")) {
