@@ -192,6 +192,10 @@ void TlsStream::AsyncHandshake(bool client, std::function<void(const asio::error
 
 void TlsStream::RunHandshake(const std::shared_ptr<HandshakeOp>& op)
 {
+    if (!socket_.is_open()) {
+        op->complete(asio::error::operation_aborted);
+        return;
+    }
     asio::socket_base::wait_type type = asio::socket_base::wait_read;
     asio::error_code ec;
     ERR_clear_error();
@@ -226,7 +230,12 @@ void TlsStream::RunRead(const std::shared_ptr<ReadOp>& op, bool waited)
     auto self = shared_from_this();
     size_t turnStart = op->done;
     asio::error_code ec;
-    while (op->done < op->len) {
+    // The BIOs hold the bare descriptor: once the socket is closed its number may already
+    // belong to another connection, so nothing may read or write through them any more.
+    if (!socket_.is_open()) {
+        ec = asio::error::operation_aborted;
+    }
+    while (!ec && op->done < op->len) {
         if (op->done - turnStart >= TURN_BYTES) {
             // Progress is reported at every turn: a body that streams in without a pause must
             // still show in the counters and keep the link alive while it arrives.
@@ -291,7 +300,10 @@ void TlsStream::RunWrite(const std::shared_ptr<WriteOp>& op, bool waited)
     size_t turnStart = op->done;
     asio::error_code ec;
     asio::socket_base::wait_type type = asio::socket_base::wait_write;
-    bool finished = false;
+    bool finished = !socket_.is_open();  // see RunRead
+    if (finished) {
+        ec = asio::error::operation_aborted;
+    }
     while (!finished) {
         if (op->done < total) {
             if (op->done - turnStart >= TURN_BYTES) {
