@@ -559,6 +559,32 @@ struct NetSoftBus::Impl {
             [this](const std::shared_ptr<NetConnection>& c, const std::string& reason) { OnClosed(c, reason); });
     }
 
+    // Whether a dial to a static peer that is (or may be) this device is under way. Two dials
+    // to one device that both succeed make the newer control connection replace the older
+    // while the older's data connection is still coming up, and the link drops at once.
+    bool StaticDialInFlight(const Peer& peer) const
+    {
+        for (const StaticPeer& s : statics) {
+            if (s.dialing && (s.fp == peer.fp || (s.fp.empty() && s.host == peer.address && s.port == peer.port))) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Whether a device known at host:port (found by broadcast or DNS-SD before its static entry
+    // learnt who it is) is already linked or being dialled: see StaticDialInFlight.
+    bool KnownPeerBusyAt(const std::string& host, uint16_t port) const
+    {
+        for (const auto& entry : peers) {
+            const Peer& peer = *entry.second;
+            if (peer.address == host && peer.port == port && (peer.dialing || peer.ctrl)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     void ClearDialing(const std::shared_ptr<DialPlan>& plan, const std::string& error)
     {
         if (!plan) {
@@ -1148,8 +1174,9 @@ struct NetSoftBus::Impl {
                     TearDown(peer, "the data connection did not come up");
                 }
             }
-            if (wifiUp && !peer->ctrl && !peer->dialing && !peer->address.empty() && peer->port != 0 &&
-                MyFp() < peer->fp && trust.Contains(peer->fp) && now - peer->lastDial >= std::chrono::seconds(1)) {
+            if (wifiUp && !peer->ctrl && !peer->dialing && !StaticDialInFlight(*peer) && !peer->address.empty() &&
+                peer->port != 0 && MyFp() < peer->fp && trust.Contains(peer->fp) &&
+                now - peer->lastDial >= std::chrono::seconds(1)) {
                 peer->dialing = true;
                 peer->lastDial = now;
                 auto plan = std::make_shared<DialPlan>();
@@ -1162,7 +1189,9 @@ struct NetSoftBus::Impl {
         for (size_t i = 0; i < statics.size(); ++i) {
             StaticPeer& s = statics[i];
             std::shared_ptr<Peer> peer = s.fp.empty() ? nullptr : PeerFor(s.fp, false);
-            bool wanted = s.fp.empty() || (peer && !peer->ctrl && (trust.Contains(s.fp) || cfg.trustOnFirstUse));
+            bool wanted = s.fp.empty() ? !KnownPeerBusyAt(s.host, s.port)
+                                       : peer && !peer->ctrl && !peer->dialing &&
+                                             (trust.Contains(s.fp) || cfg.trustOnFirstUse);
             if (wifiUp && wanted && !s.dialing && now - s.lastDial >= std::chrono::seconds(1)) {
                 s.dialing = true;
                 s.lastDial = now;
