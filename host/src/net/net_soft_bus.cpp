@@ -803,7 +803,10 @@ struct NetSoftBus::Impl {
             }
             return;
         }
-        if (!trusted && cfg.trustOnFirstUse) {
+        // A peer that asks to pair wants both users to compare a code: trusting it on first use
+        // would turn its pairing connection into a control one, which the device with the
+        // higher id then refuses ("the lower id dials"), and the pairing fails half the time.
+        if (!trusted && cfg.trustOnFirstUse && !hello.pairing) {
             if (trust.Add(fp, peer->name, &error)) {
                 TNDR_LINK_LOGI("trusted %{public}s on first use", Describe(*peer).c_str());
                 trusted = true;
