@@ -229,7 +229,7 @@ public:
     {
         std::string path;
         std::string error;
-        if (!saver_.Save(photo.collaborationId, photo.data, photo.size, &path, &error)) {
+        if (!saver_.Save(photo.collaborationId, photo.data, photo.size, photo.fd, &path, &error)) {
             progress_.Error("save_failed", "could not save a photo: " + error);
             std::lock_guard<std::mutex> lock(mutex_);
             saveFailed_ = true;

@@ -41,7 +41,7 @@ bool PhotoSaver::Prepare(std::string* error)
     return true;
 }
 
-bool PhotoSaver::Save(uint32_t collaborationId, const uint8_t* data, size_t size, std::string* path,
+bool PhotoSaver::Save(uint32_t collaborationId, const uint8_t* data, size_t size, int fd, std::string* path,
                       std::string* error)
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -49,7 +49,7 @@ bool PhotoSaver::Save(uint32_t collaborationId, const uint8_t* data, size_t size
     std::snprintf(name, sizeof(name), "photo-%011u-%02zu%s", collaborationId, saved_.size() + 1,
                   ExtensionFor(data, size));
     const std::string finalPath = folder_ + "/" + name;
-    if (!Vex::WriteFileAtomically(finalPath, data, size, error)) {
+    if (!Vex::WriteFileAtomically(finalPath, data, size, error, fd)) {
         return false;
     }
     saved_.push_back(finalPath);

@@ -3,11 +3,57 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/sendfile.h>
 #include <unistd.h>
 
 namespace Vex {
 
-bool WriteFileAtomically(const std::string& path, const void* data, size_t size, std::string* error)
+namespace {
+
+// Copies size bytes from offset 0 of source to fd in the kernel. False with errno set; *copied
+// tells how far it got (0 when the kernel cannot splice these two files at all).
+bool SendWhole(int fd, int source, size_t size, size_t* copied)
+{
+    off_t offset = 0;
+    while (static_cast<size_t>(offset) < size) {
+        ssize_t n = sendfile(fd, source, &offset, size - static_cast<size_t>(offset));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                errno = EIO;  // the source is shorter than it was said to be
+            }
+            *copied = static_cast<size_t>(offset);
+            return false;
+        }
+    }
+    *copied = size;
+    return true;
+}
+
+bool WriteWhole(int fd, const uint8_t* bytes, size_t size)
+{
+    size_t written = 0;
+    while (written < size) {
+        ssize_t n = write(fd, bytes + written, size - written);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                errno = ENOSPC;
+            }
+            return false;
+        }
+        written += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool WriteFileAtomically(const std::string& path, const void* data, size_t size, std::string* error, int sourceFd)
 {
     const size_t slash = path.find_last_of('/');
     const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
@@ -18,20 +64,22 @@ bool WriteFileAtomically(const std::string& path, const void* data, size_t size,
         *error = "cannot write " + temporary + ": " + strerror(errno) + " (is the folder there and writable?)";
         return false;
     }
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    size_t written = 0;
-    while (written < size) {
-        ssize_t n = write(fd, bytes + written, size - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            *error = "cannot write " + path + ": " + strerror(n < 0 ? errno : ENOSPC) + " (is the disk full?)";
-            close(fd);
-            unlink(temporary.c_str());
-            return false;
-        }
-        written += static_cast<size_t>(n);
+    bool written = false;
+    bool fromMemory = true;
+    if (sourceFd >= 0 && size > 0) {
+        size_t copied = 0;
+        written = SendWhole(fd, sourceFd, size, &copied);
+        // Unless the kernel cannot splice these files at all, a failure is the destination's.
+        fromMemory = !written && copied == 0 && (errno == EINVAL || errno == ENOSYS);
+    }
+    if (fromMemory) {
+        written = WriteWhole(fd, static_cast<const uint8_t*>(data), size);
+    }
+    if (!written) {
+        *error = "cannot write " + path + ": " + strerror(errno) + " (is the disk full?)";
+        close(fd);
+        unlink(temporary.c_str());
+        return false;
     }
     if (close(fd) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
         *error = "cannot finish " + path + ": " + strerror(errno);

@@ -1,10 +1,11 @@
-// Receive buffers whose payload is a memfd from the start, sealed in place once filled.
+// Receive buffers whose payload is written into a memfd piece by piece and sealed once complete.
 #include "raw_data_buffer.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -49,19 +50,18 @@ std::unique_ptr<RawDataBuffer> RawDataBuffer::Create(size_t prefix, size_t paylo
         *error = Errno("sizing memfd");
         return nullptr;
     }
-    // One reservation so that the prefix and the payload are contiguous: an anonymous page for
-    // the prefix, then the memfd over the rest. The payload's pages are populated in one call.
+    // One reservation so that the prefix and the payload end up contiguous: the prefix at the
+    // end of an anonymous page, the memfd's read-only mapping over the rest once sealed. Until
+    // then the rest is an inaccessible placeholder that keeps the addresses ours.
     buffer->regionSize_ = page + RoundUp(payload, page);
-    void* region = mmap(nullptr, buffer->regionSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* region = mmap(nullptr, buffer->regionSize_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (region == MAP_FAILED) {
         *error = Errno("reserving a raw data buffer");
         return nullptr;
     }
     buffer->region_ = static_cast<uint8_t*>(region);
-    void* payloadAt = mmap(buffer->region_ + page, buffer->regionSize_ - page, PROT_READ | PROT_WRITE,
-                           MAP_SHARED | MAP_FIXED | MAP_POPULATE, buffer->fd_, 0);
-    if (payloadAt == MAP_FAILED) {
-        *error = Errno("mapping a raw data memfd");
+    if (mprotect(buffer->region_, page, PROT_READ | PROT_WRITE) != 0) {
+        *error = Errno("opening a raw data buffer's prefix page");
         return nullptr;
     }
     buffer->start_ = buffer->region_ + page - prefix;
@@ -79,30 +79,59 @@ RawDataBuffer::~RawDataBuffer()
     }
 }
 
+bool RawDataBuffer::Write(size_t offset, const void* data, size_t len, std::string* error)
+{
+    if (sealTried_ || offset > Size() || len > Size() - offset) {
+        *error = "raw data buffer: write outside the buffer or after sealing";
+        return false;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    if (offset < prefix_) {
+        const size_t head = std::min(len, prefix_ - offset);
+        std::memcpy(start_ + offset, bytes, head);
+        offset += head;
+        bytes += head;
+        len -= head;
+    }
+    while (len > 0) {
+        ssize_t n = pwrite(fd_, bytes, len, static_cast<off_t>(offset - prefix_));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                errno = ENOSPC;
+            }
+            *error = Errno("writing a raw data memfd");
+            return false;
+        }
+        offset += static_cast<size_t>(n);
+        bytes += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 std::shared_ptr<const RawDataBlock> RawDataBuffer::Seal(std::string* error)
 {
-    if (sealed_ || fd_ < 0) {
+    if (sealTried_ || fd_ < 0) {
         *error = "raw data buffer sealed twice";
         return nullptr;
     }
+    sealTried_ = true;
     const size_t page = PageSize();
     uint8_t* payloadAt = region_ + page;
     const size_t mapped = regionSize_ - page;
-    // The write seal needs every writable mapping gone, and a shared mapping made before the seal
-    // counts as writable even when read-only. So: a placeholder keeps the address range ours,
-    // the memfd is sealed, and then mapped read-only where the filler (and the prefix) expect it.
-    if (mmap(payloadAt, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) == MAP_FAILED) {
-        *error = Errno("unmapping a raw data memfd");
-        return nullptr;
-    }
+    // No writable mapping of the memfd ever existed, so the write seal is granted at once.
     const int sealResult = fcntl(fd_, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL);
     const int sealErrno = errno;
-    // Mapped again even when the seal failed: the bytes must stay readable for the filler.
+    // Mapped even when the seal failed: the bytes must be readable for the filler.
     if (mmap(payloadAt, mapped, PROT_READ, MAP_SHARED | MAP_FIXED, fd_, 0) == MAP_FAILED) {
-        readable_ = false;
-        *error = Errno("remapping a raw data memfd read-only");
+        *error = Errno("mapping a raw data memfd read-only");
         return nullptr;
     }
+    mapped_ = true;
+    mprotect(region_, page, PROT_READ);
     if (sealResult != 0) {
         errno = sealErrno;
         *error = Errno("sealing a raw data memfd");

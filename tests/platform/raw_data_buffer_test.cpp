@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "iremote_object.h"
 #include "message_parcel.h"
@@ -21,8 +24,17 @@ std::unique_ptr<RawDataBuffer> Filled(size_t payload)
     auto buffer = RawDataBuffer::Create(PREFIX, payload, &error);
     EXPECT_NE(buffer, nullptr) << error;
     if (buffer != nullptr) {
-        for (size_t i = 0; i < buffer->Size(); ++i) {
-            buffer->Data()[i] = static_cast<uint8_t>(i * 7 + 3);
+        std::vector<uint8_t> bytes(buffer->Size());
+        for (size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<uint8_t>(i * 7 + 3);
+        }
+        // Pieces of uneven sizes, the first ending inside the prefix and the second crossing
+        // into the payload, as a reader's chunks fall.
+        size_t offset = 0;
+        for (size_t piece = 5; offset < bytes.size(); piece = piece * 3 + 1) {
+            size_t len = std::min(piece, bytes.size() - offset);
+            EXPECT_TRUE(buffer->Write(offset, bytes.data() + offset, len, &error)) << error;
+            offset += len;
         }
     }
     return buffer;
@@ -63,7 +75,12 @@ TEST(RawDataBufferTest, RefusesWhatItCannotLayOut)
     EXPECT_EQ(RawDataBuffer::Create(static_cast<size_t>(sysconf(_SC_PAGESIZE)), 100, &error), nullptr);
     EXPECT_EQ(RawDataBuffer::Create(PREFIX, 0, &error), nullptr);
     auto buffer = Filled(100);
+    EXPECT_EQ(buffer->Data(), nullptr) << "readable before it is sealed";
+    const uint8_t byte = 1;
+    EXPECT_FALSE(buffer->Write(buffer->Size(), &byte, 1, &error)) << "a write past the end";
+    EXPECT_FALSE(buffer->Write(SIZE_MAX, &byte, 2, &error)) << "an offset that wraps";
     ASSERT_NE(buffer->Seal(&error), nullptr) << error;
+    EXPECT_FALSE(buffer->Write(0, &byte, 1, &error)) << "a write after sealing";
     EXPECT_EQ(buffer->Seal(&error), nullptr);
 }
 

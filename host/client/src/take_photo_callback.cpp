@@ -81,6 +81,11 @@ int32_t TakePhotoCallback::OnPhoto(Vex::MessageParcel& data, int32_t& photoResul
         return Vex::ERR_INVALID_DATA;
     }
     photo.size = size;
+    for (const auto& block : data.GetOutOfLineData()) {
+        if (block->Data() == photo.data && block->Size() == size) {
+            photo.fd = block->SharedFd();
+        }
+    }
     photo.last = photo.status == EVENT_LAST_PHOTO;
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     Progress& progress = collaborations_[photo.collaborationId];

@@ -15,6 +15,9 @@ namespace {
 constexpr size_t DATA_HEADER_KEPT_APART = 8;
 // Below this a body is copied on cheaply; above it, it is received into shared memory.
 constexpr size_t SHARED_BODY_MIN = 256 * 1024;
+// A shared-memory body is decrypted piece by piece into one reused buffer of this size, which
+// stays in the caches, and each piece is written on into the memfd by the kernel.
+constexpr size_t STAGE_BYTES = 256 * 1024;
 }  // namespace
 
 void SendCompletion::Finish(bool ok)
@@ -217,10 +220,9 @@ void NetConnection::ReadBody(const FrameHeader& header)
         } else {
             std::lock_guard<std::mutex> lock(bufferMutex_);
             ++outstanding_;
-            target = reinterpret_cast<char*>(readingShared_->Data());
         }
     }
-    if (target != nullptr) {
+    if (readingShared_ != nullptr) {
         reading_.reset();
     } else if (header.type == FrameType::DATA_MESSAGE) {
         reading_ = AcquireDataBuffer(header.length, &capacity);
@@ -291,13 +293,47 @@ void NetConnection::ReadBody(const FrameHeader& header)
         asio::post(strand_, [finish] { finish(asio::error_code(), 0); });
         return;
     }
-    stream_->AsyncRead(target, header.length,
-                       [self, counted](size_t n) {
-                           self->bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
-                           *counted = n;
-                           self->Touch();
-                       },
+    if (readingShared_ != nullptr) {
+        if (stage_ == nullptr) {
+            stage_.reset(new char[STAGE_BYTES]);
+        }
+        ReadSharedPiece(header.length, 0, counted, std::move(finish));
+        return;
+    }
+    stream_->AsyncRead(target, header.length, [self, counted](size_t n) { self->CountIn(n, counted.get()); },
                        std::move(finish));
+}
+
+void NetConnection::CountIn(size_t n, size_t* counted)
+{
+    bytesIn_.fetch_add(n - *counted, std::memory_order_relaxed);
+    *counted = n;
+    Touch();
+}
+
+void NetConnection::ReadSharedPiece(size_t total, size_t done, std::shared_ptr<size_t> counted, TlsStream::Done finish)
+{
+    auto self = shared_from_this();
+    const size_t len = std::min(STAGE_BYTES, total - done);
+    stream_->AsyncRead(
+        stage_.get(), len, [self, counted, done](size_t n) { self->CountIn(done + n, counted.get()); },
+        [self, total, done, counted, finish](const asio::error_code& ec, size_t n) {
+            if (ec || self->closed_) {
+                finish(ec, done + n);
+                return;
+            }
+            std::string error;
+            if (!self->readingShared_->Write(done, self->stage_.get(), n, &error)) {
+                self->CloseOnStrand("received data message lost: " + error);
+                return;
+            }
+            if (done + n == total) {
+                finish(ec, total);
+                return;
+            }
+            self->CountIn(done + n, counted.get());
+            self->ReadSharedPiece(total, done + n, counted, finish);
+        });
 }
 
 void NetConnection::SendBorrowed(const FrameHeader& header, const char* body, size_t len,

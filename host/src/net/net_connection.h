@@ -1,12 +1,14 @@
 // NetConnection: one TLS connection of the device link. It owns its stream on one strand (the
 // only place SSL_read/SSL_write run), reads frame after frame (header checked, then the body
 // read straight into its buffer) and writes frames from a queue, one write in flight.
-// Received data-message bodies: when the limits ask for it, a large one is read straight into
-// a memfd (RawDataBuffer, its first 8 bytes - the message's own header - kept apart) and sealed
-// once complete, so that its payload travels on to an application as that memfd without a copy
-// and leaves this process's resident set once sealed; otherwise a body goes into a
-// per-connection heap buffer that is reused. While two bodies wait for delivery, reading pauses
-// (so a peer cannot make us buffer more). Copies per received byte: one (the decryption).
+// Received data-message bodies: when the limits ask for it, a large one goes into a memfd
+// (RawDataBuffer, its first 8 bytes - the message's own header - kept apart) and is sealed once
+// complete, so that its payload travels on to an application as that memfd without a copy and
+// never counts in this process's resident set; it is decrypted piece by piece into one reused
+// staging buffer and written on by the kernel, because a fresh writable mapping of megabytes
+// costs more than that copy. Otherwise a body goes into a per-connection heap buffer that is
+// reused. While two bodies wait for delivery, reading pauses (so a peer cannot make us buffer
+// more). Copies per received byte: one (the decryption), plus the kernel's for a memfd body.
 // A write that makes no progress for the stall deadline (the peer stopped reading) closes the
 // connection, so a sender never waits for ever on a peer that still answers heartbeats.
 // Thread-safety: Send, Close and the counters may be called from any thread; handlers run on
@@ -119,6 +121,10 @@ private:
     struct TxItem;
     void ReadHeader();
     void ReadBody(const FrameHeader& header);
+    // Reads a shared-memory body from done on, a staging buffer at a time, then finishes.
+    void ReadSharedPiece(size_t total, size_t done, std::shared_ptr<size_t> counted, TlsStream::Done finish);
+    // Counts the bytes of the body being read that arrived since the last count (n so far).
+    void CountIn(size_t n, size_t* counted);
     void Enqueue(std::unique_ptr<TxItem> item);
     void WriteNext();
     void ArmStallTimer();
@@ -159,6 +165,7 @@ private:
     std::unique_ptr<char[]> reading_;  // the body being read (heap)
     size_t readingCapacity_ = 0;
     std::unique_ptr<Vex::RawDataBuffer> readingShared_;  // the body being read (shared memory)
+    std::unique_ptr<char[]> stage_;                      // its pieces pass through here
 
     std::atomic<uint64_t> bytesIn_{0};
     std::atomic<uint64_t> bytesOut_{0};
