@@ -15,9 +15,10 @@
 // is Wi-Fi off (links dropped, no dialling), up again re-establishes links.
 //
 // Copies per hop: a control message is copied once into the send queue (SendCtrlMessage returns
-// at once); a data message is encrypted straight from the caller's buffer (SendDataMessage
-// returns once it is all written to the socket, or fails when the peer takes no byte for
-// writeStallTimeout, which drops the link as a lost link does). A received message is decrypted
+// at once); a data message is encrypted straight from the caller's buffer, or from a file read
+// a piece at a time into a reused buffer (SendDataMessage[FromFile] returns once it is all
+// written to the socket, or fails when the peer takes no byte for writeStallTimeout, which
+// drops the link as a lost link does). A received message is decrypted
 // once into one buffer (reused for the next message of its connection) and the listener gets a
 // pointer into it.
 // Each connection has one I/O owner (an asio strand) and a send queue; one thread runs all I/O.
@@ -39,6 +40,9 @@
 
 namespace QUEX {
 namespace Tandra {
+
+struct FrameHeader;
+class NetConnection;
 
 struct NetBusConfig {
     std::string stateDir;            // identity and paired devices
@@ -116,11 +120,17 @@ public:
     int32_t CloseDataChannel(int32_t channelId) override;
     int32_t SendDataMessage(int32_t channelId, int32_t ctrlSessionId, const char* data, uint32_t len, uint32_t type,
                             bool isFirst) override;
+    int32_t SendDataMessageFromFile(int32_t channelId, int32_t ctrlSessionId, const char* head, uint32_t headLen,
+                                    int fd, uint32_t len, uint32_t type, bool isFirst) override;
 
     struct Impl;
 
 private:
     explicit NetSoftBus(std::unique_ptr<Impl> impl);
+    // The frame header of a data message of len bytes on the channel and its connection; an
+    // error when the channel is gone or the message is over the limit.
+    int32_t PrepareDataMessage(int32_t channelId, int32_t ctrlSessionId, uint64_t len, uint32_t type, bool isFirst,
+                               FrameHeader* h, std::shared_ptr<NetConnection>* conn);
     std::unique_ptr<Impl> impl_;
 };
 

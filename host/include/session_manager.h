@@ -37,6 +37,10 @@ public:
     // belongs to, so that the peer delivers it under that session's key.
     static int32_t TransmitMsgToSpecificChannel(int32_t channelId, int32_t sessionId, const char* data, uint32_t len,
                                                 uint32_t type, bool isFirst);
+    // The same for a message of head then len bytes of the file fd (from offset 0), which the
+    // bus may stream from the file instead of holding the message whole.
+    static int32_t TransmitFileToSpecificChannel(int32_t channelId, int32_t sessionId, const char* head,
+                                                 uint32_t headLen, int fd, uint32_t len, uint32_t type, bool isFirst);
     // Opens a data channel to the peer; (0, channel id) or (error, -1).
     static std::pair<int32_t, int32_t> OpenDataTransmitChannel(const std::string& peerDeviceId,
                                                                const SessionAttribute& attr);

@@ -91,6 +91,12 @@ public:
     // ctrlSessionId is this device's id of the control session the message belongs to.
     virtual int32_t SendDataMessage(int32_t channelId, int32_t ctrlSessionId, const char* data, uint32_t len,
                                     uint32_t type, bool isFirst) = 0;
+    // Sends one data message made of head (headLen bytes) then len bytes of the file fd from
+    // offset 0, zeros where the file ends early; the peer sees an ordinary data message. A
+    // transport that streams from the file sends a photo without ever holding it whole. This
+    // default reads the file into one buffer and sends that with SendDataMessage.
+    virtual int32_t SendDataMessageFromFile(int32_t channelId, int32_t ctrlSessionId, const char* head,
+                                            uint32_t headLen, int fd, uint32_t len, uint32_t type, bool isFirst);
     // Bytes of data messages received from the peer so far, counted while each one arrives, so
     // that a long message shows progress before it is complete. Only changes matter (a new
     // connection may start over); 0 where the transport does not count.

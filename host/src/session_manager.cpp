@@ -53,6 +53,17 @@ int32_t SessionManager::TransmitMsgToSpecificChannel(int32_t channelId, int32_t 
     return env->GetSoftBus().SendDataMessage(channelId, sessionId, data, len, type, isFirst);
 }
 
+int32_t SessionManager::TransmitFileToSpecificChannel(int32_t channelId, int32_t sessionId, const char* head,
+                                                      uint32_t headLen, int fd, uint32_t len, uint32_t type,
+                                                      bool isFirst)
+{
+    if (fd < 0 || (head == nullptr && headLen > 0) || uint64_t{headLen} + len == 0) {
+        return HOST_ERR_INVALID_PARAM;
+    }
+    std::shared_ptr<DeviceEnv> env = DeviceContext::Get().Env();
+    return env->GetSoftBus().SendDataMessageFromFile(channelId, sessionId, head, headLen, fd, len, type, isFirst);
+}
+
 std::pair<int32_t, int32_t> SessionManager::OpenDataTransmitChannel(const std::string& peerDeviceId,
                                                                     const SessionAttribute& attr)
 {

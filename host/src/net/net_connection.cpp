@@ -1,7 +1,12 @@
 // One TLS connection: handshake, frame reads into their final buffers, the write queue.
 #include "net_connection.h"
 
+#include <fcntl.h>
 #include <openssl/ssl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "net_identity.h"
 #include "net_log.h"
@@ -16,7 +21,8 @@ constexpr size_t DATA_HEADER_KEPT_APART = 8;
 // Below this a body is copied on cheaply; above it, it is received into shared memory.
 constexpr size_t SHARED_BODY_MIN = 256 * 1024;
 // A shared-memory body is decrypted piece by piece into one reused buffer of this size, which
-// stays in the caches, and each piece is written on into the memfd by the kernel.
+// stays in the caches, and each piece is written on into the memfd by the kernel; a body sent
+// from a file is read into another such buffer a piece at a time.
 constexpr size_t STAGE_BYTES = 256 * 1024;
 }  // namespace
 
@@ -54,8 +60,18 @@ struct NetConnection::TxItem {
     std::shared_ptr<SendCompletion> done;
     bool closeMarker = false;
     std::string closeReason;
+    // A body read from a file a piece at a time, after owned (frame header and head). The
+    // descriptor is the item's own.
+    int file = -1;
+    size_t fileLen = 0;
+    size_t fileDone = 0;   // file bytes written so far
+    size_t piece = 0;      // file bytes in the write in flight
+    bool fileFailed = false;  // a read failed part-way; the rest went as zeros
     ~TxItem()
     {
+        if (file >= 0) {
+            close(file);
+        }
         if (done) {
             done->Finish(false);
         }
@@ -359,6 +375,64 @@ void NetConnection::SendCopy(const FrameHeader& header, const char* body, size_t
     Enqueue(std::move(item));
 }
 
+void NetConnection::SendFile(const FrameHeader& header, const char* head, size_t headLen, int fd, size_t len,
+                             std::shared_ptr<SendCompletion> done)
+{
+    auto item = std::make_unique<TxItem>();
+    item->file = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (item->file < 0) {
+        TNDR_LINK_LOGE("cannot send from a file: %{public}s", std::strerror(errno));
+        done->Finish(false);
+        return;
+    }
+    item->fileLen = len;
+    item->ownedLen = FRAME_HEADER_SIZE + headLen;
+    item->owned.reset(new char[item->ownedLen]);
+    EncodeFrameHeader(header, reinterpret_cast<uint8_t*>(item->owned.get()));
+    if (headLen > 0) {
+        std::memcpy(item->owned.get() + FRAME_HEADER_SIZE, head, headLen);
+    }
+    item->done = std::move(done);
+    Enqueue(std::move(item));
+}
+
+bool NetConnection::ReadFilePiece(TxItem& item)
+{
+    if (txStage_ == nullptr) {
+        txStage_.reset(new char[STAGE_BYTES]);
+    }
+    char* stage = txStage_.get();
+    const size_t len = std::min(STAGE_BYTES, item.fileLen - item.fileDone);
+    size_t got = 0;
+    while (got < len && !item.fileFailed) {
+        ssize_t n = pread(item.file, stage + got, len - got, static_cast<off_t>(item.fileDone + got));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            if (item.fileDone == 0 && got == 0) {
+                TNDR_LINK_LOGE("data message not sent: its file cannot be read: %{public}s", std::strerror(errno));
+                return false;
+            }
+            // The frame has begun and its length was announced: it is completed with zeros,
+            // and the sender hears of the failure.
+            TNDR_LINK_LOGE("file of a data message unreadable after %{public}zu bytes: %{public}s",
+                           item.fileDone + got, std::strerror(errno));
+            item.fileFailed = true;
+            break;
+        }
+        if (n == 0) {
+            break;  // the file is shorter than announced: the rest goes as zeros
+        }
+        got += static_cast<size_t>(n);
+    }
+    if (got < len) {
+        std::memset(stage + got, 0, len - got);
+    }
+    item.piece = len;
+    return true;
+}
+
 void NetConnection::Enqueue(std::unique_ptr<TxItem> item)
 {
     auto self = shared_from_this();
@@ -381,7 +455,6 @@ void NetConnection::WriteNext()
         CloseOnStrand(item.closeReason);
         return;
     }
-    writing_ = true;
     const char* first = reinterpret_cast<const char*>(item.header);
     size_t firstLen = sizeof item.header;
     const char* second = item.body;
@@ -392,6 +465,21 @@ void NetConnection::WriteNext()
         second = nullptr;
         secondLen = 0;
     }
+    if (item.file >= 0) {
+        if (!ReadFilePiece(item)) {
+            std::unique_ptr<TxItem> failed = std::move(queue_.front());  // its completion fails
+            queue_.pop_front();
+            WriteNext();
+            return;
+        }
+        if (item.fileDone > 0) {
+            first = nullptr;  // the frame header and head went with the first piece
+            firstLen = 0;
+        }
+        second = txStage_.get();
+        secondLen = item.piece;
+    }
+    writing_ = true;
     auto self = shared_from_this();
     lastWriteProgress_ = std::chrono::steady_clock::now();
     ArmStallTimer();
@@ -408,10 +496,17 @@ void NetConnection::WriteNext()
                               self->CloseOnStrand("write failed: " + ec.message());
                               return;
                           }
+                          TxItem& front = *self->queue_.front();
+                          front.fileDone += front.piece;
+                          front.piece = 0;
+                          if (front.file >= 0 && front.fileDone < front.fileLen) {
+                              self->WriteNext();  // the file's next piece
+                              return;
+                          }
                           std::unique_ptr<TxItem> done = std::move(self->queue_.front());
                           self->queue_.pop_front();
                           if (done->done) {
-                              done->done->Finish(true);
+                              done->done->Finish(!done->fileFailed);
                           }
                           self->WriteNext();
                       });

@@ -102,6 +102,12 @@ public:
     void SendBorrowed(const FrameHeader& header, const char* body, size_t len, std::shared_ptr<SendCompletion> done);
     // Queues a frame with a body it copies once (header and body in one TLS write).
     void SendCopy(const FrameHeader& header, const char* body, size_t len);
+    // Queues a frame whose body is head (copied) then len bytes of the file fd from offset 0,
+    // read a piece at a time into a reused buffer while the frame is written, so that a photo
+    // is never held whole; zeros stand in where the file ends early. done fails when the file
+    // cannot be read (nothing is sent if that shows before the first byte). fd is duplicated.
+    void SendFile(const FrameHeader& header, const char* head, size_t headLen, int fd, size_t len,
+                  std::shared_ptr<SendCompletion> done);
     // Closes the socket; queued frames fail. reason goes to the closed handler.
     void Close(const std::string& reason);
     // Closes once every frame queued before this call is written.
@@ -126,6 +132,9 @@ private:
     // Counts the bytes of the body being read that arrived since the last count (n so far).
     void CountIn(size_t n, size_t* counted);
     void Enqueue(std::unique_ptr<TxItem> item);
+    // Reads the file item's next piece into txStage_; false when nothing was sent yet and the
+    // file cannot be read.
+    bool ReadFilePiece(TxItem& item);
     void WriteNext();
     void ArmStallTimer();
     void CloseOnStrand(std::string reason);  // by value: the queue it clears may hold it
@@ -166,6 +175,7 @@ private:
     size_t readingCapacity_ = 0;
     std::unique_ptr<Vex::RawDataBuffer> readingShared_;  // the body being read (shared memory)
     std::unique_ptr<char[]> stage_;                      // its pieces pass through here
+    std::unique_ptr<char[]> txStage_;                    // pieces of a body sent from a file
 
     std::atomic<uint64_t> bytesIn_{0};
     std::atomic<uint64_t> bytesOut_{0};

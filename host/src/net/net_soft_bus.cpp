@@ -1870,33 +1870,63 @@ int32_t NetSoftBus::CloseDataChannel(int32_t channelId)
     return HOST_OK;
 }
 
+int32_t NetSoftBus::PrepareDataMessage(int32_t channelId, int32_t ctrlSessionId, uint64_t len, uint32_t type,
+                                       bool isFirst, FrameHeader* h, std::shared_ptr<NetConnection>* conn)
+{
+    Impl& d = *impl_;
+    std::lock_guard<std::mutex> lock(d.mu);
+    auto it = d.channels.find(channelId);
+    if (it == d.channels.end()) {
+        return HOST_ERR_NO_SESSION;
+    }
+    if (len > d.cfg.maxDataMessage) {
+        TNDR_LINK_LOGE("data message of %{public}llu bytes exceeds the limit of %{public}u",
+                       static_cast<unsigned long long>(len), d.cfg.maxDataMessage);
+        return HOST_ERR_INVALID_PARAM;
+    }
+    auto s = d.sessions.find(ctrlSessionId);
+    h->type = FrameType::DATA_MESSAGE;
+    h->flags = (isFirst ? FRAME_FLAG_FIRST : 0) | (it->second.outgoing ? 0 : FRAME_FLAG_RECEIVER_CHANNEL);
+    h->a = it->second.outgoing ? static_cast<uint32_t>(channelId) : it->second.peerChannelId;
+    h->b = s != d.sessions.end() && s->second.info.peerNetworkId == it->second.fp ? s->second.peerId : 0;
+    h->c = type;
+    h->length = static_cast<uint32_t>(len);
+    *conn = it->second.data;
+    return HOST_OK;
+}
+
 int32_t NetSoftBus::SendDataMessage(int32_t channelId, int32_t ctrlSessionId, const char* data, uint32_t len,
                                     uint32_t type, bool isFirst)
 {
-    Impl& d = *impl_;
-    std::shared_ptr<NetConnection> conn;
+    if (data == nullptr && len > 0) {
+        return HOST_ERR_INVALID_PARAM;
+    }
     FrameHeader h;
-    {
-        std::lock_guard<std::mutex> lock(d.mu);
-        auto it = d.channels.find(channelId);
-        if (it == d.channels.end()) {
-            return HOST_ERR_NO_SESSION;
-        }
-        if (len > d.cfg.maxDataMessage || (data == nullptr && len > 0)) {
-            TNDR_LINK_LOGE("data message of %{public}u bytes exceeds the limit of %{public}u", len, d.cfg.maxDataMessage);
-            return HOST_ERR_INVALID_PARAM;
-        }
-        auto s = d.sessions.find(ctrlSessionId);
-        h.type = FrameType::DATA_MESSAGE;
-        h.flags = (isFirst ? FRAME_FLAG_FIRST : 0) | (it->second.outgoing ? 0 : FRAME_FLAG_RECEIVER_CHANNEL);
-        h.a = it->second.outgoing ? static_cast<uint32_t>(channelId) : it->second.peerChannelId;
-        h.b = s != d.sessions.end() && s->second.info.peerNetworkId == it->second.fp ? s->second.peerId : 0;
-        h.c = type;
-        h.length = len;
-        conn = it->second.data;
+    std::shared_ptr<NetConnection> conn;
+    int32_t result = PrepareDataMessage(channelId, ctrlSessionId, len, type, isFirst, &h, &conn);
+    if (result != HOST_OK) {
+        return result;
     }
     auto done = std::make_shared<SendCompletion>();
     conn->SendBorrowed(h, data, len, done);
+    return done->Wait() ? HOST_OK : HOST_ERR_SEND_FAILED;
+}
+
+int32_t NetSoftBus::SendDataMessageFromFile(int32_t channelId, int32_t ctrlSessionId, const char* head,
+                                            uint32_t headLen, int fd, uint32_t len, uint32_t type, bool isFirst)
+{
+    if ((head == nullptr && headLen > 0) || fd < 0) {
+        return HOST_ERR_INVALID_PARAM;
+    }
+    FrameHeader h;
+    std::shared_ptr<NetConnection> conn;
+    int32_t result =
+        PrepareDataMessage(channelId, ctrlSessionId, uint64_t{headLen} + len, type, isFirst, &h, &conn);
+    if (result != HOST_OK) {
+        return result;
+    }
+    auto done = std::make_shared<SendCompletion>();
+    conn->SendFile(h, head, headLen, fd, len, done);
     return done->Wait() ? HOST_OK : HOST_ERR_SEND_FAILED;
 }
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "photo_bytes.h"
+#include "camera_msg_header.h"
 
 namespace QUEX {
 namespace Tandra {
@@ -68,19 +68,12 @@ struct PhotoParam {
     static constexpr uint32_t REQUEST_REMOTE_CANCEL = 2;
 
     explicit PhotoParam(uint32_t requestType) : requestType(requestType) {}
-    // Replaces (and frees) the previous buffer; capacity is the new one's size in bytes.
-    void SetBuffer(PhotoBytes newBuffer, uint32_t newCapacity = 0)
-    {
-        buffer = std::move(newBuffer);
-        capacity = buffer != nullptr ? newCapacity : 0;
-    }
 
     uint32_t requestType;
     uint32_t code = 0;
     uint32_t photoLength = 0;
-    uint32_t totalLength = 0;
-    PhotoBytes buffer;               // header (8 bytes) then the file content
-    uint32_t capacity = 0;           // bytes the buffer holds; later photos of a batch reuse it
+    int32_t photoFd = -1;                   // the photo being sent (the batch's descriptor)
+    char header[CAMERA_MSG_HEADER_LEN] = {};  // what goes before the photo's bytes
 };
 
 }  // namespace Tandra

@@ -130,7 +130,7 @@ int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> con
                                             bool isFirst)
 {
     TNDR_SERVICE_LOGI("enter");
-    if (param == nullptr || param->buffer == nullptr) {
+    if (param == nullptr || param->photoFd < 0) {
         TNDR_SERVICE_LOGE("photo param is null");
         return ERR_INVALID_PARAM;
     }
@@ -139,11 +139,11 @@ int32_t CameraAbilityProcess::SendPhotoData(std::shared_ptr<PutPhotoContext> con
         TNDR_SERVICE_LOGE("get data Chanel fail for send msg code. %{public}d", result);
         return result;
     }
-    // The buffer already holds header and file side by side, so the photo goes out as it was
-    // read, without another copy.
-    int32_t res =
-        SessionManager::TransmitMsgToSpecificChannel(channelId, context->GetCollaborationSessionId(),
-                                                     param->buffer.get(), param->totalLength, MSG_TYPE_CAMERA, isFirst);
+    // The header, then the file itself: the bus reads it while it sends, so the photo is not
+    // copied into a buffer of its size first.
+    int32_t res = SessionManager::TransmitFileToSpecificChannel(
+        channelId, context->GetCollaborationSessionId(), param->header, sizeof(param->header), param->photoFd,
+        param->photoLength, MSG_TYPE_CAMERA, isFirst);
     TNDR_SERVICE_LOGI("res is %{public}d", res);
     return res;
 }

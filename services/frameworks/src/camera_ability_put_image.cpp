@@ -1,8 +1,8 @@
 // The put-image flow of the serving device: the camera application hands over its photos as
 // file descriptors, and a pool worker sends the count and then each photo on the data channel.
-// Copies of photo bytes: each file is read once, straight into the one buffer that goes on the
-// link (header in its first eight bytes); nothing here copies the bytes again. The buffer is
-// the batch's: every photo after the first reuses it.
+// Copies of photo bytes: none here. Each photo goes to the bus as its file descriptor behind an
+// eight-byte header, and the device link reads the file a piece at a time into a small buffer
+// it reuses while it encrypts, so no photo is ever held whole in this process.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -189,8 +189,7 @@ void CameraAbilityProcess::ProcessPutPhoto(std::shared_ptr<PutPhotoContext> cont
             }
         }
     }
-    // The buffer of the last photo need not wait for the next batch.
-    param->SetBuffer(nullptr);
+    param->photoFd = -1;
     CloseDescriptors(fds);
 }
 
@@ -213,7 +212,7 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
         return ERR_PHOTO_FILE;
     }
     // The requesting side hands each photo to its application in one callback parcel; a longer
-    // one could never arrive, so it is refused before megabytes are taken for it.
+    // one could never arrive, so it is refused before any of it is sent.
     if (static_cast<uint64_t>(fileLength) > MAX_PHOTO_SIZE) {
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
         TNDR_SERVICE_LOGE("fd = %{public}d, file length = %{public}lld is more than the requester takes", photoFd,
@@ -221,47 +220,21 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
         return ERR_PHOTO_FILE;
     }
     const uint32_t length = static_cast<uint32_t>(fileLength);
-    const uint32_t totalLength = length + CAMERA_MSG_HEADER_LEN;
-    // The batch's photos share one buffer: a fresh one costs a page fault per page, far more
-    // than the read into it. A larger photo replaces it, the previous one going first so that
-    // at most one photo is held at a time. Its pages are taken in one call, not faulted in by the read.
-    if (param->buffer == nullptr || param->capacity < totalLength) {
-        param->SetBuffer(nullptr);
-        param->SetBuffer(AllocatePhotoBytes(totalLength), totalLength);
-    }
-    if (param->buffer == nullptr) {
+    // One byte read now tells an unreadable descriptor (opened for writing only, a folder)
+    // before anything of this photo is on the link.
+    char first = 0;
+    ssize_t probe = 0;
+    do {
+        probe = pread(photoFd, &first, 1, 0);
+    } while (probe < 0 && errno == EINTR);
+    if (probe != 1) {
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
-        TNDR_SERVICE_LOGE("new buffer failed of length = %{public}u", totalLength);
+        TNDR_SERVICE_LOGE("read photo failed, errno = %{public}d", probe < 0 ? errno : 0);
         return ERR_PHOTO_FILE;
     }
-    char* buffer = param->buffer.get();
-    std::memset(buffer, 0, CAMERA_MSG_HEADER_LEN);
-    // Regular files may still return less than asked (a signal, a file system's own limit).
-    size_t inLen = 0;
-    while (inLen < length) {
-        ssize_t n = pread(photoFd, buffer + CAMERA_MSG_HEADER_LEN + inLen, length - inLen, static_cast<off_t>(inLen));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        inLen += static_cast<size_t>(n);
-    }
-    TNDR_SERVICE_LOGI("inLen = %{public}zu", inLen);
-    if (inLen == 0) {
-        SendCodeBack(CODE_PHOTO_FAILED, sessionId);
-        TNDR_SERVICE_LOGE("read photo failed, errno = %{public}d", errno);
-        return ERR_PHOTO_FILE;
-    }
-    // A file that shrank still sends the announced length; the receiver expects size + 8 bytes.
-    if (inLen < length) {
-        std::memset(buffer + CAMERA_MSG_HEADER_LEN + inLen, 0, length - inLen);
-    }
-
     param->code = imageSeq == photoCount - 1 ? CODE_LAST_PHOTO : CODE_PHOTO;
     param->photoLength = length;
-    param->totalLength = totalLength;
+    param->photoFd = photoFd;
     return ProcessSendPhoto(context, param, imageSeq == 0);
 }
 
@@ -271,8 +244,7 @@ int32_t CameraAbilityProcess::ProcessSendPhoto(std::shared_ptr<PutPhotoContext> 
     const int32_t sessionId = context->GetCollaborationSessionId();
     TNDR_SERVICE_LOGI("code = %{public}u, size = %{public}u", param->code, param->photoLength);
     CameraMsgHeader header{param->code, param->photoLength};
-    if (param->buffer == nullptr || param->totalLength < CAMERA_MSG_HEADER_LEN ||
-        BoundedCopy(param->buffer.get(), CAMERA_MSG_HEADER_LEN, &header, sizeof(header)) != EOK) {
+    if (param->photoFd < 0 || BoundedCopy(param->header, sizeof(param->header), &header, sizeof(header)) != EOK) {
         TNDR_SERVICE_LOGE("memcpy_s failed");
         param->code = CODE_PHOTO_FAILED;
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
