@@ -140,13 +140,12 @@ private:
 
 enum class CaptureEnd { FINISHED, CANCELLED, ABORTED, FAILED };
 
-// Runs the capture session: countdown, photos, keys. Each saved photo's path goes to onSaved;
-// `abort` ends it early (the framework cancelled).
-CaptureEnd RunCapture(CaptureSession& session, PhotoSource& source, const PhotoWriter& writer,
+// Runs the capture session: countdown, photos, keys, each photo made in `photo` (reused). Each
+// saved photo's path goes to onSaved; `abort` ends it early (the framework cancelled).
+CaptureEnd RunCapture(CaptureSession& session, PhotoSource& source, const PhotoWriter& writer, Photo& photo,
                       const std::function<void(const std::string&)>& onSaved, const std::function<bool()>& abort)
 {
     bool inputOpen = isatty(STDIN_FILENO) != 0 || session.Mode() == CaptureMode::Interactive;
-    Photo photo;
     std::string error;
     CaptureAction action = session.Tick();
     for (;;) {
@@ -350,8 +349,11 @@ int main(int argc, char** argv)
     RawTerminal terminal;
     CaptureSession session(interactive ? CaptureMode::Interactive : CaptureMode::Automatic, count, countdown);
     std::vector<std::string> paths;
+    // Freed only after the photos are handed over: unmapping megabytes takes milliseconds that
+    // the requesting device would otherwise wait for.
+    Photo photo;
     CaptureEnd end = RunCapture(
-        session, *choice.source, writer, [&](const std::string& path) { paths.push_back(path); },
+        session, *choice.source, writer, photo, [&](const std::string& path) { paths.push_back(path); },
         [&]() { return events.Current() == FrameworkEvents::Outcome::CANCELLED ||
                        events.Current() == FrameworkEvents::Outcome::SERVICE_LOST; });
 
