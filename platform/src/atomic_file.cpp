@@ -70,7 +70,7 @@ bool WriteFileAtomically(const std::string& path, const void* data, size_t size,
         size_t copied = 0;
         written = SendWhole(fd, sourceFd, size, &copied);
         // Unless the kernel cannot splice these files at all, a failure is the destination's.
-        fromMemory = !written && copied == 0 && (errno == EINVAL || errno == ENOSYS);
+        fromMemory = !written && copied == 0 && (errno == EINVAL || errno == ENOSYS || errno == ESPIPE);
     }
     if (fromMemory) {
         written = WriteWhole(fd, static_cast<const uint8_t*>(data), size);

@@ -12,6 +12,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -444,6 +447,63 @@ TEST_F(LinkTest, ABigDataMessageArrivesWholeAndDoesNotHoldBackAControlMessage)
     EXPECT_EQ(photoEvent.len, size);
     EXPECT_EQ(photoEvent.sum, sum);
     EXPECT_EQ(photoEvent.session.sessionId, ids.second);
+}
+
+// A data message sent from a file arrives as the same message sent from memory would: the head,
+// the file's bytes, zeros where the file ends early, whether it is received into the heap or,
+// when large, into shared memory a piece at a time. An unreadable file sends nothing and leaves
+// the link as it was.
+TEST_F(LinkTest, ADataMessageSentFromAFileArrivesAsTheSameBytesFromMemoryWould)
+{
+    tweak_ = [](NetBusConfig& config) { config.shareableDataBodies = true; };
+    StartLinkedPair();
+    auto ids = OpenSession();
+    SessionAttribute attr{};
+    auto channel = a_->OpenDataChannel(idB_, attr);
+    ASSERT_EQ(channel.first, HOST_OK);
+    const std::string head = "HEAD1234";
+    const std::string path = dir_.Path() + "/photo.bin";
+    struct Case {
+        const char* name;
+        size_t fileSize;
+        uint32_t len;  // announced
+    };
+    const Case cases[] = {
+        {"small, into the heap", 10, 10},
+        {"many pieces, into shared memory", (3u << 20) + 5, (3u << 20) + 5},
+        {"the file ends early", 1000, 300u << 10},
+    };
+    size_t received = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string content(c.fileSize, '\0');
+        FillPattern(&content[0], content.size(), static_cast<uint32_t>(c.fileSize));
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+        std::string expected = head + content.substr(0, std::min<size_t>(c.fileSize, c.len));
+        expected.resize(head.size() + c.len, '\0');
+        int32_t sent = a_->SendDataMessageFromFile(channel.second, ids.first, head.data(),
+                                                   static_cast<uint32_t>(head.size()), fd, c.len, 2, received == 0);
+        close(fd);
+        ASSERT_EQ(sent, HOST_OK);
+        ++received;
+        ASSERT_TRUE(recB_.Await([&] { return recB_.CountLocked("data") == received; }, 60s));
+        LinkRecorder::Event event = recB_.EventsOf("data").back();
+        EXPECT_EQ(event.len, expected.size());
+        EXPECT_EQ(event.sum, Checksum(expected.data(), expected.size()));
+        EXPECT_EQ(event.session.sessionId, ids.second);
+    }
+    int writeOnly = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(writeOnly, 0);
+    EXPECT_EQ(a_->SendDataMessageFromFile(channel.second, ids.first, head.data(), static_cast<uint32_t>(head.size()),
+                                          writeOnly, 100, 2, false),
+              HOST_ERR_SEND_FAILED);
+    close(writeOnly);
+    ASSERT_EQ(a_->SendDataMessage(channel.second, ids.first, "after", 5, 2, false), HOST_OK);
+    ASSERT_TRUE(recB_.Await([&] { return recB_.CountLocked("data") == received + 1; }));
+    EXPECT_EQ(recB_.EventsOf("data").back().bytes, "after") << "the unreadable file's message left a trace";
+    EXPECT_EQ(recA_.LostCount(idB_), 0u);
 }
 
 // The receiver goes away under a photo that is still being written: the sender's wait ends in
