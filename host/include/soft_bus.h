@@ -18,8 +18,9 @@
 //     closed it with notifyPeer, or the link dropped); never for a local CloseCtrlSession.
 // Copies: one user-space copy of a message per hop at most. A sender's buffer may be copied
 // once (the in-memory bus copies it into the far end's record; TCP writes it to the socket
-// straight from the caller's buffer); a receiver reads it once into one buffer and hands the
-// listener a pointer into it; listeners do not copy unless they keep the bytes.
+// straight from the caller's buffer, or reads a file a piece at a time into a reused buffer);
+// a receiver reads it once into one buffer and hands the listener a pointer into it; listeners
+// do not copy unless they keep the bytes.
 // Thread-safety: every operation may be called from any thread, including from inside a
 // listener call. Listener calls come from the bus's own threads, never with a bus lock held;
 // OnCtrlSessionOpened may run concurrently with other listener calls (it may block for
