@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fd_io.h"
 #include "host_types.h"
 
 namespace QUEX {
@@ -25,18 +26,8 @@ int32_t SoftBus::SendDataMessageFromFile(int32_t channelId, int32_t ctrlSessionI
     }
     char* body = message.get() + headLen;
     size_t got = 0;
-    while (got < len) {
-        ssize_t n = pread(fd, body + got, len - got, static_cast<off_t>(got));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return HOST_ERR_SEND_FAILED;
-        }
-        if (n == 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
+    if (!Vex::ReadAllAt(fd, body, len, 0, &got)) {
+        return HOST_ERR_SEND_FAILED;
     }
     std::memset(body + got, 0, len - got);
     return SendDataMessage(channelId, ctrlSessionId, message.get(), static_cast<uint32_t>(total), type, isFirst);

@@ -1,5 +1,7 @@
 #include "atomic_file.h"
 
+#include "fd_io.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -32,25 +34,6 @@ bool SendWhole(int fd, int source, size_t size, size_t* copied)
     return true;
 }
 
-bool WriteWhole(int fd, const uint8_t* bytes, size_t size)
-{
-    size_t written = 0;
-    while (written < size) {
-        ssize_t n = write(fd, bytes + written, size - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            if (n == 0) {
-                errno = ENOSPC;
-            }
-            return false;
-        }
-        written += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 bool WriteFileAtomically(const std::string& path, const void* data, size_t size, std::string* error, int sourceFd)
@@ -73,7 +56,7 @@ bool WriteFileAtomically(const std::string& path, const void* data, size_t size,
         fromMemory = !written && copied == 0 && (errno == EINVAL || errno == ENOSYS || errno == ESPIPE);
     }
     if (fromMemory) {
-        written = WriteWhole(fd, static_cast<const uint8_t*>(data), size);
+        written = WriteAll(fd, data, size);
     }
     if (!written) {
         *error = "cannot write " + path + ": " + strerror(errno) + " (is the disk full?)";

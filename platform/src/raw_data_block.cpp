@@ -4,6 +4,8 @@
 // in and out again would cost it 7 to 15 ms per photo for nothing.
 #include "raw_data_block.h"
 
+#include "fd_io.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -73,18 +75,9 @@ std::shared_ptr<const RawDataBlock> RawDataBlock::FromBytes(const void* data, si
         *error = Errno("memfd_create");
         return nullptr;
     }
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    size_t written = 0;
-    while (written < size) {
-        ssize_t n = write(block->fd_, bytes + written, size - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            *error = Errno("write to memfd");
-            return nullptr;
-        }
-        written += static_cast<size_t>(n);
+    if (!WriteAll(block->fd_, data, size)) {
+        *error = Errno("write to memfd");
+        return nullptr;
     }
     if (fcntl(block->fd_, F_ADD_SEALS, REQUIRED_SEALS | F_SEAL_SEAL) != 0) {
         *error = Errno("sealing memfd");

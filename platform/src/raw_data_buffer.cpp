@@ -1,6 +1,8 @@
 // Receive buffers whose payload is written into a memfd piece by piece and sealed once complete.
 #include "raw_data_buffer.h"
 
+#include "fd_io.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -93,21 +95,9 @@ bool RawDataBuffer::Write(size_t offset, const void* data, size_t len, std::stri
         bytes += head;
         len -= head;
     }
-    while (len > 0) {
-        ssize_t n = pwrite(fd_, bytes, len, static_cast<off_t>(offset - prefix_));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            if (n == 0) {
-                errno = ENOSPC;
-            }
-            *error = Errno("writing a raw data memfd");
-            return false;
-        }
-        offset += static_cast<size_t>(n);
-        bytes += n;
-        len -= static_cast<size_t>(n);
+    if (len > 0 && !WriteAll(fd_, bytes, len, static_cast<off_t>(offset - prefix_))) {
+        *error = Errno("writing a raw data memfd");
+        return false;
     }
     return true;
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "fd_io.h"
 #include "net_identity.h"
 #include "net_log.h"
 
@@ -404,27 +405,16 @@ bool NetConnection::ReadFilePiece(TxItem& item)
     char* stage = txStage_.get();
     const size_t len = std::min(STAGE_BYTES, item.fileLen - item.fileDone);
     size_t got = 0;
-    while (got < len && !item.fileFailed) {
-        ssize_t n = pread(item.file, stage + got, len - got, static_cast<off_t>(item.fileDone + got));
-        if (n < 0 && errno == EINTR) {
-            continue;
+    if (!item.fileFailed && !Vex::ReadAllAt(item.file, stage, len, static_cast<off_t>(item.fileDone), &got)) {
+        if (item.fileDone == 0 && got == 0) {
+            TNDR_LINK_LOGE("data message not sent: its file cannot be read: %{public}s", std::strerror(errno));
+            return false;
         }
-        if (n < 0) {
-            if (item.fileDone == 0 && got == 0) {
-                TNDR_LINK_LOGE("data message not sent: its file cannot be read: %{public}s", std::strerror(errno));
-                return false;
-            }
-            // The frame has begun and its length was announced: it is completed with zeros,
-            // and the sender hears of the failure.
-            TNDR_LINK_LOGE("file of a data message unreadable after %{public}zu bytes: %{public}s",
-                           item.fileDone + got, std::strerror(errno));
-            item.fileFailed = true;
-            break;
-        }
-        if (n == 0) {
-            break;  // the file is shorter than announced: the rest goes as zeros
-        }
-        got += static_cast<size_t>(n);
+        // The frame has begun and its length was announced: it is completed with zeros, and
+        // the sender hears of the failure.
+        TNDR_LINK_LOGE("file of a data message unreadable after %{public}zu bytes: %{public}s", item.fileDone + got,
+                       std::strerror(errno));
+        item.fileFailed = true;
     }
     if (got < len) {
         std::memset(stage + got, 0, len - got);
