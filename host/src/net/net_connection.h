@@ -106,6 +106,8 @@ public:
     // read a piece at a time into a reused buffer while the frame is written, so that a photo
     // is never held whole; zeros stand in where the file ends early. done fails when the file
     // cannot be read (nothing is sent if that shows before the first byte). fd is duplicated.
+    // The reads run on the I/O thread, between writes: meant for a file in the page cache (a
+    // photo just written), not for slow storage, which would hold every link's I/O back.
     void SendFile(const FrameHeader& header, const char* head, size_t headLen, int fd, size_t len,
                   std::shared_ptr<SendCompletion> done);
     // Closes the socket; queued frames fail. reason goes to the closed handler.
