@@ -366,6 +366,12 @@ void NetConnection::SendBorrowed(const FrameHeader& header, const char* body, si
 
 void NetConnection::SendCopy(const FrameHeader& header, const char* body, size_t len)
 {
+    Enqueue(OwnedItem(header, body, len));
+}
+
+std::unique_ptr<NetConnection::TxItem> NetConnection::OwnedItem(const FrameHeader& header, const char* body,
+                                                                size_t len)
+{
     auto item = std::make_unique<TxItem>();
     item->ownedLen = FRAME_HEADER_SIZE + len;
     item->owned.reset(new char[item->ownedLen]);
@@ -373,26 +379,21 @@ void NetConnection::SendCopy(const FrameHeader& header, const char* body, size_t
     if (len > 0) {
         std::memcpy(item->owned.get() + FRAME_HEADER_SIZE, body, len);
     }
-    Enqueue(std::move(item));
+    return item;
 }
 
 void NetConnection::SendFile(const FrameHeader& header, const char* head, size_t headLen, int fd, size_t len,
                              std::shared_ptr<SendCompletion> done)
 {
-    auto item = std::make_unique<TxItem>();
-    item->file = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (item->file < 0) {
+    const int file = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (file < 0) {
         TNDR_LINK_LOGE("cannot send from a file: %{public}s", std::strerror(errno));
         done->Finish(false);
         return;
     }
+    std::unique_ptr<TxItem> item = OwnedItem(header, head, headLen);
+    item->file = file;
     item->fileLen = len;
-    item->ownedLen = FRAME_HEADER_SIZE + headLen;
-    item->owned.reset(new char[item->ownedLen]);
-    EncodeFrameHeader(header, reinterpret_cast<uint8_t*>(item->owned.get()));
-    if (headLen > 0) {
-        std::memcpy(item->owned.get() + FRAME_HEADER_SIZE, head, headLen);
-    }
     item->done = std::move(done);
     Enqueue(std::move(item));
 }

@@ -133,6 +133,8 @@ private:
     void ReadSharedPiece(size_t total, size_t done, std::shared_ptr<size_t> counted, TlsStream::Done finish);
     // Counts the bytes of the body being read that arrived since the last count (n so far).
     void CountIn(size_t n, size_t* counted);
+    // An item whose frame header and body (len bytes, copied) are its own, for one TLS write.
+    static std::unique_ptr<TxItem> OwnedItem(const FrameHeader& header, const char* body, size_t len);
     void Enqueue(std::unique_ptr<TxItem> item);
     // Reads the file item's next piece into txStage_; false when nothing was sent yet and the
     // file cannot be read.

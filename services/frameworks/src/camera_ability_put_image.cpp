@@ -18,6 +18,7 @@
 #include "camera_ability_process.h"
 #include "camera_app_callback.h"
 #include "camera_result_codes.h"
+#include "fd_io.h"
 #include "photo_callerInfo.h"
 #include "tandra_dfx.h"
 #include "tandra_service_utils.h"
@@ -223,13 +224,11 @@ int32_t CameraAbilityProcess::ProcessPhotoData(std::shared_ptr<PutPhotoContext> 
     // One byte read now tells an unreadable descriptor (opened for writing only, a folder)
     // before anything of this photo is on the link.
     char first = 0;
-    ssize_t probe = 0;
-    do {
-        probe = pread(photoFd, &first, 1, 0);
-    } while (probe < 0 && errno == EINTR);
-    if (probe != 1) {
+    size_t got = 0;
+    if (!Vex::ReadAllAt(photoFd, &first, 1, 0, &got) || got != 1) {
+        const int failure = got == 1 ? 0 : errno;
         SendCodeBack(CODE_PHOTO_FAILED, sessionId);
-        TNDR_SERVICE_LOGE("read photo failed, errno = %{public}d", probe < 0 ? errno : 0);
+        TNDR_SERVICE_LOGE("read photo failed, errno = %{public}d", failure);
         return ERR_PHOTO_FILE;
     }
     param->code = imageSeq == photoCount - 1 ? CODE_LAST_PHOTO : CODE_PHOTO;
