@@ -7,11 +7,11 @@
 #
 #   bench/e2e/run.sh [--sizes "1 8 32 128"] [--batches "1 10"] [--runs 3] [--latency-runs 5] [--no-build]
 #
-# MB/s end to end = bytes of the batch / (last saved file's ctime - last camera file's ctime):
+# MB/s end to end = bytes of the batch / (last saved photo renamed - last camera photo renamed):
 # from the moment the camera application's last photo is complete on disk to the moment the
 # requesting application's last photo has its final name. Both applications write a temporary
-# and rename it, and the rename sets the ctime, so both ends are "file complete"; the mtime is
-# set as a write starts and would leave the last file's whole write out. Nothing is warmed up,
+# and rename it; a preloaded probe (bench/e2e/rename_stamp_preload.cpp) stamps each rename with
+# the real-time clock, because the files' ctimes tick only every 4 ms here. Nothing is warmed up,
 # every run is a new collaboration. The median of --runs runs is shown, and the first run on its own.
 # Peak RSS: the daemons' VmHWM read from /proc before they stop; the two applications write
 # theirs as they exit (bench/e2e/peak_rss_preload.cpp, preloaded). Largest over the runs.
@@ -48,9 +48,10 @@ fi
 bin="$repo/build/release/bin"
 lib="$repo/build/release/lib"
 for file in "$bin/tandrad" "$bin/tandra-photo" "$bin/tandra-camera" "$bin/e2e_stream_baseline" \
-    "$lib/libtandra_camera.so" "$lib/libe2e_peak_rss.so"; do
+    "$lib/libtandra_camera.so" "$lib/libe2e_peak_rss.so" "$lib/libe2e_rename_stamp.so"; do
     [[ -e "$file" ]] || fail "$file is missing: build the release preset's tandrad, tandra-photo, tandra-camera, tandra_camera and benchmarks targets"
 done
+probes="$lib/libe2e_peak_rss.so:$lib/libe2e_rename_stamp.so"
 
 work="$(mktemp -d /tmp/tandra-e2e.XXXXXX)"
 daemon_pids=()
@@ -94,7 +95,7 @@ start_devices() {
     local target=$1
     rm -rf "$work/A" "$work/B"
     for device in A B; do
-        mkdir -p "$work/$device/abilities" "$work/$device/state" "$work/$device/rss"
+        mkdir -p "$work/$device/abilities" "$work/$device/state" "$work/$device/rss" "$work/$device/stamps"
         cat >"$work/$device/abilities/tandra-photo.json" <<JSON
 { "bundle": "com.tandra.photo", "ability": "MainAbility", "module": "entry",
   "exec": { "path": "$bin/tandra-photo", "args": [] } }
@@ -115,7 +116,7 @@ JSON
     port_serial=$((port_serial + 1))
     for side in A:$port_a:$port_b B:$port_b:$port_a; do
         IFS=: read -r name port peer <<<"$side"
-        E2E_PEAK_RSS_DIR="$work/$name/rss" LD_PRELOAD="${NO_PRELOAD:-$lib/libe2e_peak_rss.so}" \
+        E2E_PEAK_RSS_DIR="$work/$name/rss" E2E_STAMP_DIR="$work/$name/stamps" LD_PRELOAD="${NO_PRELOAD:-$probes}" \
             ${TANDRAD_WRAP:-} "$bin/tandrad" --name "$name" --state-dir "$work/$name/state" --socket "$work/$name/tandrad.sock" \
             --abilities "$work/$name/abilities" --plugin "$lib/libtandra_camera.so" --bind 127.0.0.1 \
             --port "$port" --discovery-port "$discovery" --broadcast 127.255.255.255 --peer "127.0.0.1:$peer" \
@@ -151,8 +152,17 @@ max_rss_file_mib() {  # folder name-prefix
     if ((best == 0)); then echo "?"; else echo $(((best + 512) / 1024)); fi
 }
 
-latest_ctime() {  # folder
-    find "$1" -maxdepth 1 -type f ! -name '.*' -printf '%C@\n' | sort -n | tail -1
+# The last rename of a photo into the folder $2 by the application whose stamps are in $1/$3.*
+# (seconds since the epoch); the folder's latest ctime when the probe was not preloaded.
+last_photo_moment() {  # stamp-folder folder application
+    local stamp
+    stamp=$(cat "$1/$3".* 2>/dev/null | awk -v dir="$2/" 'index($2, dir) == 1 && substr($2, length(dir) + 1) !~ /^\./ { print $1 }' \
+        | sort -n | tail -1)
+    if [[ -n "$stamp" ]]; then
+        echo "$stamp"
+    else
+        find "$2" -maxdepth 1 -type f ! -name '.*' -printf '%C@\n' | sort -n | tail -1
+    fi
 }
 
 median() {  # numbers...
@@ -162,8 +172,8 @@ median() {  # numbers...
 # One collaboration of $1 photos; prints its MB/s. The requester's JSON lines go to $2.
 take_batch() {
     local count=$1 log=$2
-    rm -rf "$work/B/camera" "$work/out"
-    E2E_PEAK_RSS_DIR="$work/A/rss" LD_PRELOAD="$lib/libe2e_peak_rss.so" \
+    rm -rf "$work/B/camera" "$work/out" "$work/A/stamps"/* "$work/B/stamps"/*
+    E2E_PEAK_RSS_DIR="$work/A/rss" E2E_STAMP_DIR="$work/A/stamps" LD_PRELOAD="$probes" \
         "$bin/tandra-photo" --socket "$work/A/tandrad.sock" take --device B --count "$count" --out "$work/out" \
         --json >"$log" 2>&1 || fail "the collaboration did not finish: $(tail -3 "$log")"
     local saved
@@ -174,8 +184,8 @@ take_batch() {
     local sent
     sent=$(find "$work/B/camera" -maxdepth 1 -type f ! -name '.*' -printf '%s\n' | awk '{ s += $1 } END { print s }')
     ((bytes == sent)) || fail "the camera made $sent bytes of photos but $bytes were saved"
-    start=$(latest_ctime "$work/B/camera")
-    end=$(latest_ctime "$work/out")
+    start=$(last_photo_moment "$work/B/stamps" "$work/B/camera" tandra-camera)
+    end=$(last_photo_moment "$work/A/stamps" "$work/out" tandra-photo)
     awk -v b="$bytes" -v s="$start" -v e="$end" 'BEGIN { printf "%.1f", b / 1048576 / (e - s) }'
 }
 
