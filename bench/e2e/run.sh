@@ -15,6 +15,9 @@
 # every run is a new collaboration. The median of --runs runs is shown, and the first run on its own.
 # Peak RSS: the daemons' VmHWM read from /proc before they stop; the two applications write
 # theirs as they exit (bench/e2e/peak_rss_preload.cpp, preloaded). Largest over the runs.
+# For 1-photo batches a second table splits each photo's time into its hops, from I/O stamps
+# preloaded into the daemons and tandra-photo (bench/e2e/io_stamp_preload.cpp), and gives the CPU
+# time per photo of each daemon's busiest thread (its link I/O thread), from /proc schedstat.
 set -euo pipefail
 
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
@@ -48,10 +51,10 @@ fi
 bin="$repo/build/release/bin"
 lib="$repo/build/release/lib"
 for file in "$bin/tandrad" "$bin/tandra-photo" "$bin/tandra-camera" "$bin/e2e_stream_baseline" \
-    "$lib/libtandra_camera.so" "$lib/libe2e_peak_rss.so" "$lib/libe2e_rename_stamp.so"; do
+    "$lib/libtandra_camera.so" "$lib/libe2e_peak_rss.so" "$lib/libe2e_rename_stamp.so" "$lib/libe2e_io_stamp.so"; do
     [[ -e "$file" ]] || fail "$file is missing: build the release preset's tandrad, tandra-photo, tandra-camera, tandra_camera and benchmarks targets"
 done
-probes="$lib/libe2e_peak_rss.so:$lib/libe2e_rename_stamp.so"
+probes="$lib/libe2e_peak_rss.so:$lib/libe2e_rename_stamp.so:$lib/libe2e_io_stamp.so"
 
 work="$(mktemp -d /tmp/tandra-e2e.XXXXXX)"
 daemon_pids=()
@@ -95,7 +98,7 @@ start_devices() {
     local target=$1
     rm -rf "$work/A" "$work/B"
     for device in A B; do
-        mkdir -p "$work/$device/abilities" "$work/$device/state" "$work/$device/rss" "$work/$device/stamps"
+        mkdir -p "$work/$device/abilities" "$work/$device/state" "$work/$device/rss" "$work/$device/stamps" "$work/$device/io"
         cat >"$work/$device/abilities/tandra-photo.json" <<JSON
 { "bundle": "com.tandra.photo", "ability": "MainAbility", "module": "entry",
   "exec": { "path": "$bin/tandra-photo", "args": [] } }
@@ -116,7 +119,8 @@ JSON
     port_serial=$((port_serial + 1))
     for side in A:$port_a:$port_b B:$port_b:$port_a; do
         IFS=: read -r name port peer <<<"$side"
-        E2E_PEAK_RSS_DIR="$work/$name/rss" E2E_STAMP_DIR="$work/$name/stamps" LD_PRELOAD="${NO_PRELOAD:-$probes}" \
+        E2E_PEAK_RSS_DIR="$work/$name/rss" E2E_STAMP_DIR="$work/$name/stamps" E2E_IO_STAMP_DIR="$work/$name/io" \
+            LD_PRELOAD="${NO_PRELOAD:-$probes}" \
             ${TANDRAD_WRAP:-} "$bin/tandrad" --name "$name" --state-dir "$work/$name/state" --socket "$work/$name/tandrad.sock" \
             --abilities "$work/$name/abilities" --plugin "$lib/libtandra_camera.so" --bind 127.0.0.1 \
             --port "$port" --discovery-port "$discovery" --broadcast 127.255.255.255 --peer "127.0.0.1:$peer" \
@@ -173,7 +177,7 @@ median() {  # numbers...
 take_batch() {
     local count=$1 log=$2
     rm -rf "$work/B/camera" "$work/out" "$work/A/stamps"/* "$work/B/stamps"/*
-    E2E_PEAK_RSS_DIR="$work/A/rss" E2E_STAMP_DIR="$work/A/stamps" LD_PRELOAD="$probes" \
+    E2E_PEAK_RSS_DIR="$work/A/rss" E2E_STAMP_DIR="$work/A/stamps" E2E_IO_STAMP_DIR="$work/A/io" LD_PRELOAD="$probes" \
         "$bin/tandra-photo" --socket "$work/A/tandrad.sock" take --device B --count "$count" --out "$work/out" \
         --json >"$log" 2>&1 || fail "the collaboration did not finish: $(tail -3 "$log")"
     local saved
@@ -186,7 +190,50 @@ take_batch() {
     ((bytes == sent)) || fail "the camera made $sent bytes of photos but $bytes were saved"
     start=$(last_photo_moment "$work/B/stamps" "$work/B/camera" tandra-camera)
     end=$(last_photo_moment "$work/A/stamps" "$work/out" tandra-photo)
+    echo "$start $end" >>"$work/moments"
     awk -v b="$bytes" -v s="$start" -v e="$end" 'BEGIN { printf "%.1f", b / 1048576 / (e - s) }'
+}
+
+# CPU nanoseconds of each thread of a process, "tid ns" per line.
+thread_cpu() {  # pid
+    local task
+    for task in /proc/"$1"/task/*; do
+        [[ -r "$task/schedstat" ]] && echo "${task##*/} $(cut -d' ' -f1 "$task/schedstat")"
+    done
+}
+
+# CPU ms per photo of the thread of $1 that used the most since the snapshot $2.
+busiest_thread_ms() {  # pid snapshot-file photos
+    thread_cpu "$1" | awk -v photos="$3" 'NR == FNR { before[$1] = $2; next }
+        { used = $2 - before[$1]; if (used > best) best = used }
+        END { printf "%.1f", best / 1e6 / photos }' "$2" -
+}
+
+# The hops of each 1-photo run (its moments in $work/moments), medians, from the I/O stamps:
+# the camera's file renamed -> the serving daemon's first read of it -> the requesting daemon's
+# last write into shared memory -> tandra-photo starts saving -> the saved file renamed.
+hops() {
+    cat "$work"/B/io/tandrad.* | awk '$3 >= 65536 && $2 == "pread" { print $1, "read" }' >"$work/hop-stamps"
+    cat "$work"/A/io/tandrad.* | awk '$2 == "pwrite" { print $1, "write" }' >>"$work/hop-stamps"
+    cat "$work"/A/io/tandra-photo.* 2>/dev/null | awk '$2 == "sendfile-start" { print $1, "save" }' >>"$work/hop-stamps"
+    awk 'NR == FNR { t[NR] = $1; kind[NR] = $2; n = NR; next }
+        {
+            start = $1; end = $2; first = 0; written = 0; save = 0
+            for (i = 1; i <= n; i++) {
+                if (t[i] <= start || t[i] >= end) continue
+                if (kind[i] == "read" && (first == 0 || t[i] < first)) first = t[i]
+                if (kind[i] == "write" && t[i] > written) written = t[i]
+                if (kind[i] == "save" && (save == 0 || t[i] < save)) save = t[i]
+            }
+            if (first == 0 || written == 0) next
+            if (save == 0 || save < written) save = end
+            printf "%.1f %.1f %.1f %.1f\n", (first - start) * 1000, (written - first) * 1000, (save - written) * 1000, (end - save) * 1000
+        }' "$work/hop-stamps" "$work/moments" >"$work/hop-rows"
+    local column column_values
+    for column in 1 2 3 4; do
+        mapfile -t column_values < <(cut -d' ' -f"$column" "$work/hop-rows")
+        median "${column_values[@]}"
+    done
 }
 
 # rsync over loopback through an rsync daemon (plain TCP, no ssh): the batch's files to a
@@ -239,10 +286,14 @@ if command -v sshd >/dev/null || [[ -x /usr/sbin/sshd ]]; then
 fi
 
 rows=()
+hop_rows=()
 for size in $sizes; do
     for batch in $batches; do
         bytes=$((size * 1048576))
         start_devices "${size}MiB"
+        : >"$work/moments"
+        thread_cpu "${daemon_pids[0]}" >"$work/cpu-a"
+        thread_cpu "${daemon_pids[1]}" >"$work/cpu-b"
         rates=()
         first=""
         for run in $(seq "$runs"); do
@@ -253,7 +304,14 @@ for size in $sizes; do
         e2e=$(median "${rates[@]}")
         rss_a=$(vm_hwm_mib "${daemon_pids[0]}")
         rss_b=$(vm_hwm_mib "${daemon_pids[1]}")
+        cpu_a=$(busiest_thread_ms "${daemon_pids[0]}" "$work/cpu-a" $((runs * batch)))
+        cpu_b=$(busiest_thread_ms "${daemon_pids[1]}" "$work/cpu-b" $((runs * batch)))
         stop_daemons
+        if ((batch == 1)); then
+            read -r -d '' handoff link delivery save < <(hops; printf '\0') || true
+            hop_rows+=("$(printf '%5d MiB %9s %9s %9s %9s %9s %9s' "$size" "$handoff" "$link" "$delivery" "$save" \
+                "$cpu_b" "$cpu_a")")
+        fi
         rss_photo=$(max_rss_file_mib "$work/A/rss" tandra-photo)
         rss_camera=$(max_rss_file_mib "$work/B/rss" tandra-camera)
         rsync=$(rsync_rate "$work/out")
@@ -277,6 +335,14 @@ printf '%9s %5s %9s %9s %9s %9s %9s %8s %8s %7s %7s %7s %7s %7s %5s %5s\n' photo
     "vs TLS" "vs TCP" "A rss" "B rss" "photo" camera "limit" speed rss
 printf '%s\n' "${rows[@]}"
 echo "targets: 8-128 MiB >= 0.80x TLS and >= 0.50x TCP (1 MiB: half of that); daemon peak RSS <= photo + 32 MiB"
+if ((${#hop_rows[@]} > 0)); then
+    echo
+    echo "Where a 1-photo batch's time goes (ms, median of $runs): camera file renamed -> B reads it (hand-over)"
+    echo "-> A has written its last byte (link) -> tandra-photo starts saving (delivery) -> saved file renamed (save);"
+    echo "and the CPU ms per photo of each daemon's busiest thread (its link I/O thread)"
+    printf '%9s %9s %9s %9s %9s %9s %9s\n' photo hand-over link delivery save "B cpu" "A cpu"
+    printf '%s\n' "${hop_rows[@]}"
+fi
 echo "$scp_note; rsync runs through an rsync daemon on loopback (plain TCP), its client's start-up included"
 
 # ---- stage latency of a 1-photo collaboration, camera answering at once ----
