@@ -11,6 +11,7 @@
 #include "dns_sd_discovery.h"
 #include "host_types.h"
 #include "interface_watch.h"
+#include "link_socket_buffers.h"
 #include "net_connection.h"
 #include "net_identity.h"
 #include "net_trust_store.h"
@@ -534,6 +535,7 @@ struct NetSoftBus::Impl {
     {
         asio::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
+        SizeLinkSocketBuffers(socket);
         auto conn = std::make_shared<NetConnection>(io, ssl, std::move(socket), dialed, limits, cfg.writeStallTimeout);
         {
             std::lock_guard<std::mutex> lock(mu);

@@ -1,0 +1,93 @@
+// Link socket buffers: fixed at the link's size only where the system's limits allow all of
+// it, since a fixed buffer turns the kernel's auto-tuning off and a capped one is worse.
+#include "link_socket_buffers.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace QUEX {
+namespace Tandra {
+namespace {
+
+TEST(LinkSocketBuffersTest, FixedOnlyWhereBothLimitsAllowTheWholeSize)
+{
+    const size_t whole = LINK_SOCKET_BUFFER;
+    struct Case {
+        const char* name;
+        size_t rmemMax;
+        size_t wmemMax;
+        size_t expected;
+    };
+    const Case cases[] = {
+        {"stock limits keep auto-tuning", 212992, 212992, 0},
+        {"a receive limit just short", whole - 1, whole, 0},
+        {"a send limit just short", whole, whole - 1, 0},
+        {"unreadable limits keep auto-tuning", 0, 0, 0},
+        {"limits exactly the size", whole, whole, whole},
+        {"generous limits", size_t{64} << 20, size_t{64} << 20, whole},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(LinkSocketBufferFor(c.rmemMax, c.wmemMax), c.expected) << c.name;
+    }
+}
+
+TEST(LinkSocketBuffersTest, ALimitIsReadAsANumberOrNotAtAll)
+{
+    char pattern[] = "/tmp/link-buffers-test.XXXXXX";
+    int fd = mkstemp(pattern);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    const std::string path = pattern;
+    struct Case {
+        const char* content;
+        size_t expected;
+    };
+    const Case cases[] = {{"4194304\n", 4194304}, {"212992", 212992}, {"", 0}, {"max\n", 0}};
+    for (const Case& c : cases) {
+        std::FILE* out = std::fopen(path.c_str(), "w");
+        ASSERT_NE(out, nullptr);
+        std::fputs(c.content, out);
+        std::fclose(out);
+        EXPECT_EQ(ReadSysctlBytes(path), c.expected) << "content '" << c.content << "'";
+    }
+    unlink(path.c_str());
+    EXPECT_EQ(ReadSysctlBytes(path), 0u) << "a missing file";
+}
+
+// On this machine's own limits: a connected socket ends up with the whole size, or keeps the
+// buffer it had (auto-tuning) where the limits are lower.
+TEST(LinkSocketBuffersTest, AConnectedSocketGetsTheSizeTheLimitsAllow)
+{
+    asio::io_context io;
+    asio::ip::tcp::acceptor acceptor(io, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0));
+    asio::ip::tcp::socket client(io);
+    client.connect(acceptor.local_endpoint());
+    asio::ip::tcp::socket server = acceptor.accept();
+
+    asio::socket_base::receive_buffer_size before;
+    server.get_option(before);
+    SizeLinkSocketBuffers(server);
+    asio::socket_base::receive_buffer_size receive;
+    asio::socket_base::send_buffer_size send;
+    server.get_option(receive);
+    server.get_option(send);
+
+    const size_t allowed = LinkSocketBufferFor(ReadSysctlBytes("/proc/sys/net/core/rmem_max"),
+                                               ReadSysctlBytes("/proc/sys/net/core/wmem_max"));
+    if (allowed == 0) {
+        EXPECT_EQ(receive.value(), before.value()) << "this system's limits are below the link's size";
+    } else {
+        // The kernel doubles what it is asked for, to leave room for its own bookkeeping.
+        EXPECT_GE(static_cast<size_t>(receive.value()), allowed);
+        EXPECT_GE(static_cast<size_t>(send.value()), allowed);
+    }
+}
+
+}  // namespace
+}  // namespace Tandra
+}  // namespace QUEX
