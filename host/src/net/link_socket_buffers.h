@@ -1,7 +1,8 @@
 // Socket buffer sizes for link connections. A photo is one message of megabytes that starts
 // after the link has been idle; with the kernel's auto-tuned buffers such a message starts on a
-// small window and the two I/O threads take turns waiting for each other, which made the link
-// part of a 32 MiB photo a fifth slower on loopback than with fixed buffers of a few MiB.
+// small receive window and the two I/O threads take turns waiting for each other: the link part
+// of a 32 MiB photo took about 55 ms on loopback against 43 ms with fixed 4 MiB buffers (it is
+// the receive buffer that counts; the send buffer alone changed nothing).
 // Fixing a buffer size turns auto-tuning off for that socket, and the kernel silently caps the
 // size at net.core.rmem_max / wmem_max, so the buffers are fixed only where the system allows
 // the whole size; elsewhere auto-tuning stays, which beats a capped fixed buffer.
