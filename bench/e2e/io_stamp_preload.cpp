@@ -14,9 +14,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
+
+#include "probe_file.h"
 
 namespace {
 
@@ -49,19 +49,10 @@ Function Next(const char* name)
 
 __attribute__((destructor)) void Dump()
 {
-    const char* dir = std::getenv("E2E_IO_STAMP_DIR");
-    if (dir == nullptr || *dir == '\0') {
+    char path[4096];
+    if (!ProbeFile("E2E_IO_STAMP_DIR", path, sizeof path)) {
         return;
     }
-    char name[32] = "unknown";
-    if (std::FILE* comm = std::fopen("/proc/self/comm", "r")) {
-        if (std::fgets(name, sizeof name, comm) != nullptr) {
-            name[std::strcspn(name, "\n")] = '\0';
-        }
-        std::fclose(comm);
-    }
-    char path[4096];
-    std::snprintf(path, sizeof path, "%s/%s.%d", dir, name, static_cast<int>(getpid()));
     std::FILE* out = std::fopen(path, "w");
     if (out == nullptr) {
         return;

@@ -10,9 +10,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
+
+#include "probe_file.h"
 
 namespace {
 
@@ -20,19 +20,10 @@ void Stamp(const char* path)
 {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const char* dir = std::getenv("E2E_STAMP_DIR");
-    if (dir == nullptr || *dir == '\0') {
+    char file[4096];
+    if (!ProbeFile("E2E_STAMP_DIR", file, sizeof file)) {
         return;
     }
-    char name[32] = "unknown";
-    if (std::FILE* comm = std::fopen("/proc/self/comm", "r")) {
-        if (std::fgets(name, sizeof name, comm) != nullptr) {
-            name[std::strcspn(name, "\n")] = '\0';
-        }
-        std::fclose(comm);
-    }
-    char file[4096];
-    std::snprintf(file, sizeof file, "%s/%s.%d", dir, name, static_cast<int>(getpid()));
     char line[4200];
     int length = std::snprintf(line, sizeof line, "%lld.%09ld %s\n", static_cast<long long>(now.tv_sec),
                                now.tv_nsec, path);
