@@ -1,5 +1,7 @@
 #include "link_socket_buffers.h"
 
+#include <sys/socket.h>
+
 #include <fstream>
 
 namespace QUEX {
@@ -20,16 +22,17 @@ size_t ReadSysctlBytes(const std::string& path)
     return static_cast<size_t>(value);
 }
 
-void SizeLinkSocketBuffers(asio::ip::tcp::socket& socket)
+void SizeLinkSocketBuffers(int socketFd)
 {
     static const size_t size = LinkSocketBufferFor(ReadSysctlBytes("/proc/sys/net/core/rmem_max"),
                                                    ReadSysctlBytes("/proc/sys/net/core/wmem_max"));
     if (size == 0) {
         return;
     }
-    asio::error_code ignored;
-    socket.set_option(asio::socket_base::receive_buffer_size(static_cast<int>(size)), ignored);
-    socket.set_option(asio::socket_base::send_buffer_size(static_cast<int>(size)), ignored);
+    // A refusal leaves auto-tuning on, which still works: nothing to report.
+    const int value = static_cast<int>(size);
+    setsockopt(socketFd, SOL_SOCKET, SO_RCVBUF, &value, sizeof(value));
+    setsockopt(socketFd, SOL_SOCKET, SO_SNDBUF, &value, sizeof(value));
 }
 
 }  // namespace Tandra

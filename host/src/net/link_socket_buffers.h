@@ -10,8 +10,6 @@
 // (thread-safe static initialisation).
 #pragma once
 
-#include <asio.hpp>
-
 #include <cstddef>
 #include <string>
 
@@ -27,8 +25,9 @@ size_t LinkSocketBufferFor(size_t rmemMax, size_t wmemMax);
 // A limit read from a /proc/sys file: its number, or 0 when unreadable or not a number.
 size_t ReadSysctlBytes(const std::string& path);
 
-// Fixes both buffers of a link connection's socket where this system allows it.
-void SizeLinkSocketBuffers(asio::ip::tcp::socket& socket);
+// Fixes both buffers of a link connection's socket (its descriptor) where this system allows it.
+// Takes the bare descriptor so that callers and tests need no socket library.
+void SizeLinkSocketBuffers(int socketFd);
 
 }  // namespace Tandra
 }  // namespace QUEX

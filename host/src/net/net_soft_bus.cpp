@@ -535,7 +535,7 @@ struct NetSoftBus::Impl {
     {
         asio::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
-        SizeLinkSocketBuffers(socket);
+        SizeLinkSocketBuffers(socket.native_handle());
         auto conn = std::make_shared<NetConnection>(io, ssl, std::move(socket), dialed, limits, cfg.writeStallTimeout);
         {
             std::lock_guard<std::mutex> lock(mu);

@@ -3,6 +3,8 @@
 #include "link_socket_buffers.h"
 
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,28 +65,43 @@ TEST(LinkSocketBuffersTest, ALimitIsReadAsANumberOrNotAtAll)
 // buffer it had (auto-tuning) where the limits are lower.
 TEST(LinkSocketBuffersTest, AConnectedSocketGetsTheSizeTheLimitsAllow)
 {
-    asio::io_context io;
-    asio::ip::tcp::acceptor acceptor(io, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0));
-    asio::ip::tcp::socket client(io);
-    client.connect(acceptor.local_endpoint());
-    asio::ip::tcp::socket server = acceptor.accept();
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    socklen_t length = sizeof(address);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    int client = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(client, 0);
+    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    int server = accept(listener, nullptr, nullptr);
+    ASSERT_GE(server, 0);
 
-    asio::socket_base::receive_buffer_size before;
-    server.get_option(before);
+    auto bufferSize = [server](int option) {
+        int value = 0;
+        socklen_t size = sizeof(value);
+        getsockopt(server, SOL_SOCKET, option, &value, &size);
+        return value;
+    };
+    const int before = bufferSize(SO_RCVBUF);
     SizeLinkSocketBuffers(server);
-    asio::socket_base::receive_buffer_size receive;
-    asio::socket_base::send_buffer_size send;
-    server.get_option(receive);
-    server.get_option(send);
+    const int receive = bufferSize(SO_RCVBUF);
+    const int send = bufferSize(SO_SNDBUF);
+    close(server);
+    close(client);
+    close(listener);
 
     const size_t allowed = LinkSocketBufferFor(ReadSysctlBytes("/proc/sys/net/core/rmem_max"),
                                                ReadSysctlBytes("/proc/sys/net/core/wmem_max"));
     if (allowed == 0) {
-        EXPECT_EQ(receive.value(), before.value()) << "this system's limits are below the link's size";
+        EXPECT_EQ(receive, before) << "this system's limits are below the link's size";
     } else {
         // The kernel doubles what it is asked for, to leave room for its own bookkeeping.
-        EXPECT_GE(static_cast<size_t>(receive.value()), allowed);
-        EXPECT_GE(static_cast<size_t>(send.value()), allowed);
+        EXPECT_GE(static_cast<size_t>(receive), allowed);
+        EXPECT_GE(static_cast<size_t>(send), allowed);
     }
 }
 
