@@ -30,13 +30,16 @@ constexpr int CAPACITY = 1 << 18;
 Stamp g_stamps[CAPACITY];
 std::atomic<int> g_count{0};
 
+// Leaves errno as the wrapped call set it: the caller reads it next.
 void Record(const char* call, long long bytes)
 {
     int slot = g_count.fetch_add(1, std::memory_order_relaxed);
     if (slot >= CAPACITY) {
         return;
     }
+    int saved = errno;
     clock_gettime(CLOCK_REALTIME, &g_stamps[slot].at);
+    errno = saved;
     g_stamps[slot].call = call;
     g_stamps[slot].bytes = bytes;
 }
@@ -75,9 +78,7 @@ extern "C" ssize_t pread(int fd, void* buffer, size_t count, off_t offset)
     static auto real = Next<ssize_t (*)(int, void*, size_t, off_t)>("pread");
     ssize_t result = real(fd, buffer, count, offset);
     if (result > 0) {
-        int saved = errno;
         Record("pread", result);
-        errno = saved;
     }
     return result;
 }
@@ -87,9 +88,7 @@ extern "C" ssize_t pwrite(int fd, const void* buffer, size_t count, off_t offset
     static auto real = Next<ssize_t (*)(int, const void*, size_t, off_t)>("pwrite");
     ssize_t result = real(fd, buffer, count, offset);
     if (result > 0) {
-        int saved = errno;
         Record("pwrite", result);
-        errno = saved;
     }
     return result;
 }
@@ -99,8 +98,6 @@ extern "C" ssize_t sendfile(int out, int in, off_t* offset, size_t count)
     static auto real = Next<ssize_t (*)(int, int, off_t*, size_t)>("sendfile");
     Record("sendfile-start", static_cast<long long>(count));
     ssize_t result = real(out, in, offset, count);
-    int saved = errno;
     Record("sendfile", result);
-    errno = saved;
     return result;
 }

@@ -1,6 +1,7 @@
 // Link socket buffers: fixed at the link's size only where the system's limits allow all of
 // it, since a fixed buffer turns the kernel's auto-tuning off and a capped one is worse.
 #include "link_socket_buffers.h"
+#include "link_test_support.h"
 
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 namespace QUEX {
@@ -40,11 +40,8 @@ TEST(LinkSocketBuffersTest, FixedOnlyWhereBothLimitsAllowTheWholeSize)
 
 TEST(LinkSocketBuffersTest, ALimitIsReadAsANumberOrNotAtAll)
 {
-    char pattern[] = "/tmp/link-buffers-test.XXXXXX";
-    int fd = mkstemp(pattern);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    const std::string path = pattern;
+    Testing::TempDir dir;
+    const std::string path = dir.Path() + "/limit";
     struct Case {
         const char* content;
         size_t expected;
@@ -57,8 +54,7 @@ TEST(LinkSocketBuffersTest, ALimitIsReadAsANumberOrNotAtAll)
         std::fclose(out);
         EXPECT_EQ(ReadSysctlBytes(path), c.expected) << "content '" << c.content << "'";
     }
-    unlink(path.c_str());
-    EXPECT_EQ(ReadSysctlBytes(path), 0u) << "a missing file";
+    EXPECT_EQ(ReadSysctlBytes(dir.Path() + "/missing"), 0u) << "a missing file";
 }
 
 // On this machine's own limits: a connected socket ends up with the whole size, or keeps the
